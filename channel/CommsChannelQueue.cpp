@@ -1,0 +1,149 @@
+// The receive queue: producers (addToMsgQ) and the two consumers that the
+// receive operations are built on.
+#include "CCInterceptorContext.h"
+#include "CCInterceptorDispatcher.h"
+#include "CommsChannel.h"
+#include "CommsChannelDataContainerMessage.h"
+#include "CommsException.h"
+#include "Semaphore.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <memory>
+
+namespace {
+
+// The queue logs a notice each time it reaches this length.
+const int QUEUE_WARNING_LENGTH = 50;
+
+// The token-balancing wait of a by-id receive that found its message at once.
+const int BALANCE_WAIT = 10;
+
+CommsException timeoutException(int timeout)
+{
+    return CommsException("CommsChannel 'receive' timed out, timeout duration = " + std::to_string(timeout));
+}
+
+}  // namespace
+
+int CommsChannel::addToMsgQ(CommsChannelDataContainerMessage& message)
+{
+    CommsChannelDataContainerMessage* copy = new CommsChannelDataContainerMessage(message);
+    // Types outside the table get the lowest priority instead of reading
+    // past its end.
+    const int msgType = copy->msgType();
+    const VireoThreadPriority priority =
+        (msgType >= 0 && static_cast<std::size_t>(msgType) < m_msgTypePriorities.size())
+            ? m_msgTypePriorities[static_cast<std::size_t>(msgType)]
+            : VIREO_PRIORITY_LOW;
+    copy->setPriority(priority);
+
+    m_pqueueMutex->take(-1);
+    Semaphore* target = m_pqueueSemaphore;
+    if (copy->requestId() != 0) {
+        std::map<int, Semaphore*>::iterator waiter =
+            m_prequestIdSemaphores->find(static_cast<int>(copy->requestId()));
+        if (waiter != m_prequestIdSemaphores->end()) {
+            target = waiter->second;
+        }
+    }
+
+    std::unique_ptr<CCInterceptorContext> context;
+    bool keep = true;
+    if (m_pinterceptor != nullptr) {
+        context.reset(new CCInterceptorContext());
+        context->setParams(copy);
+        m_pinterceptor->intercept(context.get());
+        keep = context->getSendFlag() != 0;
+    }
+    if (!keep) {
+        // A dropped message still gives its token: the woken waiter finds
+        // nothing new and returns 0 or scans again.
+        delete copy;
+    } else {
+        std::list<CommsChannelDataContainerMessage*>::iterator position = m_preceiveQueue->begin();
+        while (position != m_preceiveQueue->end() && (*position)->priority() >= priority) {
+            ++position;
+        }
+        m_preceiveQueue->insert(position, copy);
+
+        // Written once on reaching the mark, not again while the queue stays
+        // above it.
+        const int length = static_cast<int>(m_preceiveQueue->size());
+        if (length == QUEUE_WARNING_LENGTH) {
+            syslog(LOG_NOTICE,
+                   "CommsChannel :: Warning m_preceiveQueue->size() = %d at interface %s in process %d "
+                   "with parent process = %d \n",
+                   length, message.interface().c_str(), static_cast<int>(getpid()),
+                   static_cast<int>(getppid()));
+        }
+    }
+    if (target != nullptr) {
+        target->give();
+    }
+    m_pqueueMutex->give();
+    return 1;
+}
+
+int CommsChannel::getMsgFromQ(CommsChannelDataContainerMessage& out, int timeout)
+{
+    if (timeout == -1) {
+        m_pqueueSemaphore->take(-1);
+    } else if (!m_pqueueSemaphore->take(timeout)) {
+        throw timeoutException(timeout);
+    }
+    if (m_shutdown) {
+        return 0;
+    }
+    // The emptiness test is made under the lock, together with the removal,
+    // so that two consumers can never both see the last message.
+    m_pqueueMutex->take(-1);
+    if (m_preceiveQueue->empty()) {
+        m_pqueueMutex->give();
+        return 0;
+    }
+    CommsChannelDataContainerMessage* front = m_preceiveQueue->front();
+    m_preceiveQueue->pop_front();
+    out = *front;
+    delete front;
+    m_pqueueMutex->give();
+    return 1;
+}
+
+int CommsChannel::getMsgFromQ_ByID(CommsChannelDataContainerMessage& out, long requestId,
+                                   Semaphore* idSemaphore, int timeout)
+{
+    bool waited = false;
+    for (;;) {
+        m_pqueueMutex->take(-1);
+        std::list<CommsChannelDataContainerMessage*>::iterator match = m_preceiveQueue->begin();
+        while (match != m_preceiveQueue->end() && (*match)->requestId() != requestId) {
+            ++match;
+        }
+        if (match != m_preceiveQueue->end()) {
+            out = **match;
+            delete *match;
+            m_preceiveQueue->erase(match);
+            m_pqueueMutex->give();
+            break;
+        }
+        m_pqueueMutex->give();
+        // Each wait gets the full time-out anew.
+        if (timeout == -1) {
+            idSemaphore->take(-1);
+        } else if (!idSemaphore->take(timeout)) {
+            throw timeoutException(timeout);
+        }
+        waited = true;
+    }
+    if (!waited) {
+        // The message was there before we looked, so its token was never
+        // taken: it went to our semaphore if the message arrived after we
+        // registered, else to the queue semaphore.
+        if (!idSemaphore->take(BALANCE_WAIT)) {
+            m_pqueueSemaphore->take(-1);
+        }
+    }
+    return 1;
+}

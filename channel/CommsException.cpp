@@ -1,0 +1,5 @@
+#include "CommsException.h"
+
+CommsException::CommsException(const std::string& text) : VireoException(text) {}
+
+CommsException::~CommsException() = default;

@@ -1,0 +1,34 @@
+# Installs the libraries, the public headers, the programs, a CMake package
+# (find_package(CommsChannel CONFIG)) and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(_cc_libraries CommsChannel VireoException TarnOSWrapper CommsChannelMessage CommsChannelIntr)
+install(TARGETS ${_cc_libraries}
+    EXPORT CommsChannelTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+file(GLOB _cc_public_headers
+    ${PROJECT_SOURCE_DIR}/include/*.h
+    ${PROJECT_SOURCE_DIR}/platform/exception/*.h
+    ${PROJECT_SOURCE_DIR}/platform/os/*.h
+    ${PROJECT_SOURCE_DIR}/platform/intr/*.h
+    ${PROJECT_SOURCE_DIR}/platform/message/CommsChannel*.h
+    ${PROJECT_SOURCE_DIR}/platform/message/VireoThreadPriority.h)
+install(FILES ${_cc_public_headers} DESTINATION ${COMMSCHANNEL_INSTALL_INCLUDEDIR})
+
+set(_cc_cmakedir ${CMAKE_INSTALL_LIBDIR}/cmake/CommsChannel)
+install(EXPORT CommsChannelTargets NAMESPACE CommsChannel:: DESTINATION ${_cc_cmakedir})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/CommsChannelConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/CommsChannelConfig.cmake
+    INSTALL_DESTINATION ${_cc_cmakedir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/CommsChannelConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${PROJECT_BINARY_DIR}/CommsChannelConfig.cmake
+    ${PROJECT_BINARY_DIR}/CommsChannelConfigVersion.cmake
+    DESTINATION ${_cc_cmakedir})
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/commschannel.pc.in ${PROJECT_BINARY_DIR}/commschannel.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/commschannel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,118 @@
+// CommsChannel: one named, message-oriented endpoint of a process. It owns a
+// UDP socket on 127.0.0.1 (port chosen by the kernel), a receive queue ordered
+// by priority, and every message in that queue. Construction registers a
+// non-empty name with the process's CommsChannelLocator and hands the channel
+// to the process's CommsChannelReceiver, whose thread fills the queue from the
+// socket; destruction undoes both and frees what is still queued.
+//
+// The application owns the channel. It never owns the interceptor given to
+// it. All operations may be called from several threads at once, but the
+// channel must not be destroyed while another thread still uses it.
+//
+// Usage:
+//   CommsChannel server("server");
+//   CommsChannel client("client");
+//   client.sendMsg("server", std::string("hello"));
+//   std::string text;
+//   server.receiveMsg(text);              // "hello"
+//
+// Thread safety: m_pqueueMutex guards the queue and the request-id map;
+// m_pqueueSemaphore counts queued messages that no request-id waiter claimed.
+// The receiver's list lock is always taken before m_pqueueMutex, never after.
+#ifndef COMMSCHANNEL_COMMS_CHANNEL_H
+#define COMMSCHANNEL_COMMS_CHANNEL_H
+
+#include "CommsChannelIfc.h"
+#include "VireoThreadPriority.h"
+
+#include <atomic>
+#include <fstream>
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+class CCInterceptorDispatcher;
+class CommsChannelDataContainerMessage;
+class Semaphore;
+
+class CommsChannel : public CommsChannelIfc {
+public:
+    explicit CommsChannel(const std::string& name);
+    // interceptor (may be null) sees every message before it is queued and
+    // may drop it; it must outlive the channel.
+    CommsChannel(const std::string& name, CCInterceptorDispatcher* interceptor);
+    ~CommsChannel() override;
+
+    CommsChannel(const CommsChannel&) = delete;
+    CommsChannel& operator=(const CommsChannel&) = delete;
+
+    std::string& channelName() override;
+    int port() override;
+    int socketHandle() const override;
+
+    int sendMsg(CommsChannelDataContainerMessage& message) override;
+    int sendMsg(const std::string& destination, char* data, int length) override;
+    int sendMsg(const std::string& destination, const std::string& data) override;
+
+    int receiveMsg(CommsChannelDataContainerMessage& message) override;
+    int receiveMsg(CommsChannelDataContainerMessage& message, long requestId) override;
+    int receiveMsg(char* buffer, int* length) override;
+    int receiveMsg(std::string& data) override;
+    int receiveMsg_ByID_Timed(CommsChannelDataContainerMessage& message, long requestId,
+                              int timeout) override;
+    bool isQEmpty() override;
+    void shutdown() override;
+
+    // Queues a copy of message (the caller keeps its own), at the priority
+    // that this channel's table gives its msgType(), unless the interceptor
+    // drops it. Wakes the thread waiting for its request id, or one general
+    // receiver. Logs a notice when the queue reaches 50 messages. Returns 1.
+    // Called by senders in this process and by the receiver thread.
+    int addToMsgQ(CommsChannelDataContainerMessage& message);
+
+    // Appends a dump of the channel and every queued message to
+    // "/logs/CommsChannel.log-<pid>". Reads the queue without its lock: for
+    // diagnosis only, never on a channel that is being destroyed. Silent
+    // when the file cannot be opened; a null channel writes nothing.
+    static void info(CommsChannel* channel);
+    // Writes the block of one message to file; channel is not used.
+    static void displayInfo(CommsChannel* channel, CommsChannelDataContainerMessage* message,
+                            std::ofstream& file);
+
+private:
+    friend class CommsChannelInspector;  // white-box access for the unit tests
+
+    void construct();
+    int createSocket();
+    int registerChannel();
+    int unregisterChannel();
+    void installReceiveChannel();
+    void uninstallReceiveChannel();
+
+    int send(CommsChannelDataContainerMessage& message);
+
+    // Takes the front message. 1: moved into out; 0: shut down, or nothing
+    // there after a wake-up. Throws: CommsException when timeout expires.
+    int getMsgFromQ(CommsChannelDataContainerMessage& out, int timeout);
+    // Takes the first message carrying requestId, waiting on idSemaphore
+    // (already registered under requestId by the caller). Returns 1.
+    // Throws: CommsException when a wait expires.
+    int getMsgFromQ_ByID(CommsChannelDataContainerMessage& out, long requestId,
+                         Semaphore* idSemaphore, int timeout);
+
+    // Constant after construction.
+    std::string m_channelName;
+    int m_socketHandle;
+    int m_port;
+    // Written once, without a lock, by shutdown() and the destructor.
+    std::atomic<bool> m_shutdown;
+    std::list<CommsChannelDataContainerMessage*>* m_preceiveQueue;  // guarded by m_pqueueMutex
+    std::vector<VireoThreadPriority> m_msgTypePriorities;           // constant after construction
+    CCInterceptorDispatcher* m_pinterceptor;                        // not owned
+    Semaphore* m_pqueueSemaphore;
+    Semaphore* m_pqueueMutex;
+    std::map<int, Semaphore*>* m_prequestIdSemaphores;  // guarded by m_pqueueMutex
+};
+
+#endif

@@ -1,0 +1,87 @@
+// CommsChannelDispatcher and its four strategies: how a message reaches one
+// destination name. The locator keeps one dispatcher per known name, owned
+// by that name's CommsChannelLocatorEntry; callers of getDispatcher use it at
+// once and never delete or keep it.
+//
+// Dispatchers are immutable and hold no locks: several threads may use one
+// at once.
+#ifndef COMMSCHANNEL_COMMS_CHANNEL_DISPATCHER_H
+#define COMMSCHANNEL_COMMS_CHANNEL_DISPATCHER_H
+
+class CommsChannel;
+class CommsChannelDataContainerMessage;
+class CommsChannelLocatorEntry;
+
+class CommsChannelDispatcher {
+public:
+    // Delivers or sends message on behalf of sender. 1 delivered or sent,
+    // 0 not. The caller keeps the message.
+    virtual int sendMsg(CommsChannel* sender, CommsChannelDataContainerMessage& message) = 0;
+    // Declared after sendMsg so that sendMsg keeps the first slot of the
+    // table. Owners release dispatchers with a plain delete of the base
+    // pointer, which this makes well defined for every subclass.
+    virtual ~CommsChannelDispatcher();
+};
+
+// Delivery to a channel of this process: the message is copied straight
+// into the destination's receive queue on the caller's thread.
+class CCIntraProcDispatcher : public CommsChannelDispatcher {
+public:
+    // destination is not owned and must outlive the dispatcher.
+    explicit CCIntraProcDispatcher(CommsChannel* destination);
+    // 0 when there is no destination; otherwise the queue's answer (1), also
+    // when the destination's interceptor dropped the message.
+    int sendMsg(CommsChannel* sender, CommsChannelDataContainerMessage& message) override;
+    CommsChannel* destination() const { return m_pchannel; }
+
+private:
+    CommsChannel* m_pchannel;
+};
+
+// Delivery to a channel of another process on this host: the message is
+// encoded (data above 59750 bytes first moved to a spool file) and sent from
+// the sender's socket to 127.0.0.1:port in datagrams of at most 60000 bytes.
+class CCInterProcDispatcher : public CommsChannelDispatcher {
+public:
+    // Data above this many bytes travels in a spool file.
+    static const int FILE_THRESHOLD = 59750;
+    // No datagram carries more than this many bytes.
+    static const int MAX_PIECE = 60000;
+
+    explicit CCInterProcDispatcher(int port);
+    // 1 when every encoded byte was written; 0 when the sender has no socket
+    // (descriptor 0), encoding fails or sendto fails.
+    int sendMsg(CommsChannel* sender, CommsChannelDataContainerMessage& message) override;
+    int port() const { return m_port; }
+
+private:
+    int m_port;
+};
+
+// Marks a channel on another host. Such delivery is not provided: sendMsg
+// always answers 0 and sends nothing.
+class CCDistribProcDispatcher : public CommsChannelDispatcher {
+public:
+    int sendMsg(CommsChannel* sender, CommsChannelDataContainerMessage& message) override;
+};
+
+// Stands for a name that no process registered: prints one line naming
+// source, destination, callback channel and data on standard output and
+// answers 0.
+class CCNullDispatcher : public CommsChannelDispatcher {
+public:
+    int sendMsg(CommsChannel* sender, CommsChannelDataContainerMessage& message) override;
+};
+
+// Chooses a dispatcher for a locator entry: none, a null dispatcher; a
+// channel of this process, intra-process; an empty address, inter-process on
+// the entry's port; any other address, the distributed dispatcher. The
+// result is new and owned by the caller. Stateless; usable from any thread.
+class CommsChannelDispatcherFactory {
+public:
+    CommsChannelDispatcherFactory();
+    virtual ~CommsChannelDispatcherFactory();
+    CommsChannelDispatcher* createDispatcher(CommsChannelLocatorEntry* entry);
+};
+
+#endif

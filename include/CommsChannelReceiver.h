@@ -1,0 +1,56 @@
+// CommsChannelReceiver: the per-process registry of channels and the one
+// thread that reads their sockets. Created by the first channel installed,
+// deleted when the last one leaves; the next channel starts a fresh one.
+// Callers never delete it. Callable from any thread; its list lock is always
+// taken before a channel's queue lock, never after.
+//
+// All state lives at module level in receiver/: the object itself carries
+// none. A private loopback "status" socket lets application threads wake the
+// thread whenever the list changes.
+#ifndef COMMSCHANNEL_COMMS_CHANNEL_RECEIVER_H
+#define COMMSCHANNEL_COMMS_CHANNEL_RECEIVER_H
+
+class CommsChannel;
+
+// The 4-byte content of a status-update datagram, in host byte order. The
+// thread reads and discards it: only the wake-up matters.
+enum statusUpdateMsgId {
+    CHANNEL_ADDED = 0,
+    CHANNEL_REMOVED = 1
+};
+
+class CommsChannelReceiver {
+public:
+    // The process's receiver, created (with its thread) on first use.
+    static CommsChannelReceiver* instance();
+
+    CommsChannelReceiver();
+    // Stops and joins the thread. Reached only through removeReceiveChannel.
+    virtual ~CommsChannelReceiver();
+
+    CommsChannelReceiver(const CommsChannelReceiver&) = delete;
+    CommsChannelReceiver& operator=(const CommsChannelReceiver&) = delete;
+
+    // Adds the channel's socket to the watched set (a channel may be added
+    // twice). Returns whether the wake-up datagram was sent; undefined for a
+    // null channel.
+    int addReceiveChannel(CommsChannel* channel);
+    // Removes the first entry of the channel. Removing the last channel stops
+    // the thread, waits for it and deletes the receiver before returning.
+    void removeReceiveChannel(CommsChannel* channel);
+    // Entries in the list, duplicates counted.
+    int numReceiveChannels();
+
+    int createStatusUpdateSocketConnection();
+    // Sends a 4-byte wake-up datagram to the status socket. 1 when sent.
+    int statusUpdate(statusUpdateMsgId id);
+    // Rebuilds the descriptor set that the thread watches.
+    // REQUIRES: the list lock is held (except in the constructor).
+    void updateSocketMonitorList();
+
+private:
+    static CommsChannelReceiver* theInstance;
+    friend class CommsChannelReceiverInspector;  // white-box access for the unit tests
+};
+
+#endif

@@ -1,0 +1,209 @@
+// Registration of this process's channels and resolution of destination
+// names, and the locator thread's handling of the resolver's messages.
+#include "CommsChannel.h"
+#include "CommsChannelDispatcher.h"
+#include "CommsChannelLocator.h"
+#include "CommsChannelLocatorEntry.h"
+#include "CommsChannelLocatorUpdateMessage.h"
+#include "CommsChannelPortRequestMessage.h"
+#include "CommsChannelPortResponseMessage.h"
+#include "LocatorState.h"
+#include "Semaphore.h"
+
+using locator_state::isShutdownRequested;
+
+namespace {
+
+typedef std::map<std::string, CommsChannelLocatorEntry*> EntryMap;
+
+CommsChannelLocatorEntry* find(EntryMap* map, const std::string& name)
+{
+    EntryMap::iterator it = map->find(name);
+    return it != map->end() ? it->second : nullptr;
+}
+
+// Adds a name learnt from the resolver, or updates its port. A known entry
+// keeps sending through its first dispatcher (and so to its first port).
+void learnRemote(EntryMap* remoteMap, const std::string& name, int port)
+{
+    CommsChannelLocatorEntry* entry = find(remoteMap, name);
+    if (entry != nullptr) {
+        entry->setPort(port);
+        entry->setDispatcher(new CCInterProcDispatcher(port));
+        return;
+    }
+    entry = new CommsChannelLocatorEntry();
+    entry->setChannelName(name);
+    entry->setPort(port);
+    entry->setDispatcher(new CCInterProcDispatcher(port));
+    remoteMap->insert(std::make_pair(name, entry));
+}
+
+}  // namespace
+
+int CommsChannelLocator::registerChannel(CommsChannel* channel)
+{
+    if (isShutdownRequested()) {
+        return 0;
+    }
+    m_pmapLock->take(-1);
+    if (channel == nullptr || m_plocalMap->count(channel->channelName()) != 0) {
+        m_pmapLock->give();
+        return 0;
+    }
+    CommsChannelLocatorEntry* entry = new CommsChannelLocatorEntry();
+    entry->setChannelName(channel->channelName());
+    entry->setPort(channel->port());
+    entry->setChannelHandle(channel);
+    entry->setDispatcher(new CCIntraProcDispatcher(channel));
+    m_plocalMap->insert(std::make_pair(entry->channelName(), entry));
+    // The announcement is sent outside the lock from a copy: once the lock
+    // is given, another channel of the same name may unregister the entry.
+    CommsChannelLocatorEntry announced(entry->channelName(), entry->port(), "");
+    m_pmapLock->give();
+    sendChannelRegistration(&announced);
+    return 1;
+}
+
+int CommsChannelLocator::unregisterChannel(CommsChannel* channel)
+{
+    if (isShutdownRequested() || channel == nullptr) {
+        return 0;
+    }
+    int removed = 0;
+    m_pmapLock->take(-1);
+    EntryMap::iterator it = m_plocalMap->find(channel->channelName());
+    if (it != m_plocalMap->end()) {
+        CommsChannelLocatorEntry* entry = it->second;
+        m_plocalMap->erase(it);
+        sendChannelUnregistration(entry);
+        delete entry;
+        removed = 1;
+    }
+    const bool lastLocalChannel = m_plocalMap->empty();
+    m_pmapLock->give();
+    // The locator lives exactly as long as this process has channels; the
+    // next named channel creates a new one.
+    if (lastLocalChannel) {
+        delete this;
+    }
+    return removed;
+}
+
+int CommsChannelLocator::sendChannelRegistration(CommsChannelLocatorEntry* entry)
+{
+    CommsChannelLocatorUpdateMessage update;
+    update.addChannelEntry(CommsChannelLocatorUpdateMessage::CHANNEL_ADDED, entry->channelName(), entry->port());
+    return send(update);
+}
+
+int CommsChannelLocator::sendChannelUnregistration(CommsChannelLocatorEntry* entry)
+{
+    if (entry == nullptr) {
+        return 0;
+    }
+    CommsChannelLocatorUpdateMessage update;
+    update.addChannelEntry(CommsChannelLocatorUpdateMessage::CHANNEL_REMOVED, entry->channelName(), entry->port());
+    return send(update);
+}
+
+int CommsChannelLocator::sendChannelPortRequest(const std::string& channelName)
+{
+    Semaphore answered(0, 1, false);
+    m_prequestLock->take(-1);
+    ++m_requestId;
+    m_prequestMap->insert(std::make_pair(static_cast<int>(m_requestId), &answered));
+    CommsChannelPortRequestMessage request;
+    request.setRequestId(m_requestId);
+    request.setChannel(channelName);
+    m_prequestLock->give();
+
+    const int sent = send(request);
+    // Waits even when the request could not be sent: such a caller is
+    // released only by the locator's destruction.
+    answered.take(-1);
+    return sent;
+}
+
+void CommsChannelLocator::processChannelPortResponse(CommsChannelPortResponseMessage* response)
+{
+    const std::string name = response->channel();
+    const long requestId = response->requestId();
+    const int port = response->port();
+    if (port != 0) {
+        m_pmapLock->take(-1);
+        learnRemote(m_premoteMap, name, port);
+        m_pmapLock->give();
+    }
+    m_prequestLock->take(-1);
+    std::map<int, Semaphore*>::iterator waiter = m_prequestMap->find(static_cast<int>(requestId));
+    if (waiter != m_prequestMap->end() && waiter->second != nullptr) {
+        waiter->second->give();
+    }
+    m_prequestMap->erase(static_cast<int>(requestId));
+    m_prequestLock->give();
+}
+
+void CommsChannelLocator::processLocatorUpdate(CommsChannelLocatorUpdateMessage* update)
+{
+    m_pmapLock->take(-1);
+    for (int index = 0; index < update->numChannelEntries(); ++index) {
+        CommsChannelLocatorUpdateMessage::eUpdateType type = CommsChannelLocatorUpdateMessage::CHANNEL_ADDED;
+        std::string name;
+        int port = 0;
+        update->getChannelEntry(index, &type, &name, &port);
+        // Every type other than "added" is a removal.
+        if (type != CommsChannelLocatorUpdateMessage::CHANNEL_ADDED) {
+            EntryMap::iterator it = m_premoteMap->find(name);
+            if (it != m_premoteMap->end()) {
+                CommsChannelLocatorEntry* entry = it->second;
+                m_premoteMap->erase(it);
+                delete entry;
+            }
+        } else {
+            learnRemote(m_premoteMap, name, port);
+        }
+    }
+    if (!m_initialUpdateReceived) {
+        m_pinitialUpdateSem->give();
+        m_initialUpdateReceived = true;
+    }
+    m_pmapLock->give();
+}
+
+CommsChannelDispatcher* CommsChannelLocator::getDispatcher(const std::string& channelName)
+{
+    // One null dispatcher serves every unresolved name for the life of the
+    // process; it is never deleted.
+    static CCNullDispatcher* const nullDispatcher = new CCNullDispatcher();
+
+    if (isShutdownRequested()) {
+        return nullptr;
+    }
+    if (!m_initialUpdateReceived) {
+        // The resolver answers a new locator with an update at once; without
+        // a resolver this bounds the wait. The count is not given back.
+        m_pinitialUpdateSem->take(INITIAL_UPDATE_TIMEOUT);
+    }
+    m_pmapLock->take(-1);
+    CommsChannelLocatorEntry* entry = find(m_plocalMap, channelName);
+    if (entry == nullptr) {
+        entry = find(m_premoteMap, channelName);
+    }
+    m_pmapLock->give();
+
+    if (entry == nullptr) {
+        if (sendChannelPortRequest(channelName) == 1) {
+            if (isShutdownRequested()) {
+                return nullptr;
+            }
+            m_pmapLock->take(-1);
+            entry = find(m_premoteMap, channelName);
+            m_pmapLock->give();
+        }
+    }
+    if (entry != nullptr && entry->dispatcher() != nullptr) {
+        return entry->dispatcher();
+    }
+    return nullDispatcher;
+}

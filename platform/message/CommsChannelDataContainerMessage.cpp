@@ -1,0 +1,189 @@
+#include "CommsChannelDataContainerMessage.h"
+
+#include "DataSpool.h"
+#include "WireCodec.h"
+
+#include <climits>
+
+namespace {
+// How the data travels inside the encoding.
+const std::uint8_t DATA_INLINE = 0;
+const std::uint8_t DATA_IN_FILE = 1;
+}  // namespace
+
+CommsChannelDataContainerMessage::CommsChannelDataContainerMessage()
+    : CommsChannelMessage(COMMS_MSG_DATA_CONTAINER),
+      m_requestId(0),
+      m_msgType(0),
+      m_priority(VIREO_PRIORITY_NORMAL),
+      m_dataFileHandedOut(false)
+{
+}
+
+CommsChannelDataContainerMessage::CommsChannelDataContainerMessage(
+    const CommsChannelDataContainerMessage& other)
+    : CommsChannelMessage(other), m_dataFileHandedOut(false)
+{
+    copyFields(other);
+}
+
+CommsChannelDataContainerMessage& CommsChannelDataContainerMessage::operator=(
+    const CommsChannelDataContainerMessage& other)
+{
+    if (this != &other) {
+        dropDataFile();
+        CommsChannelMessage::operator=(other);
+        copyFields(other);
+    }
+    return *this;
+}
+
+CommsChannelDataContainerMessage::~CommsChannelDataContainerMessage() { dropDataFile(); }
+
+void CommsChannelDataContainerMessage::copyFields(const CommsChannelDataContainerMessage& other)
+{
+    m_sourceChannel = other.m_sourceChannel;
+    m_callbackChannel = other.m_callbackChannel;
+    m_protocol = other.m_protocol;
+    m_interface = other.m_interface;
+    m_remoteContext = other.m_remoteContext;
+    m_requestId = other.m_requestId;
+    m_msgType = other.m_msgType;
+    m_priority = other.m_priority;
+    m_data = other.m_data;
+}
+
+void CommsChannelDataContainerMessage::dropDataFile()
+{
+    if (!m_dataFile.empty() && !m_dataFileHandedOut) {
+        spool::discard(m_dataFile);
+    }
+    m_dataFile.clear();
+    m_dataFileHandedOut = false;
+}
+
+void CommsChannelDataContainerMessage::setSourceChannel(const std::string& name) { m_sourceChannel = name; }
+void CommsChannelDataContainerMessage::setCallbackChannel(const std::string& name) { m_callbackChannel = name; }
+void CommsChannelDataContainerMessage::setProtocol(const std::string& protocol) { m_protocol = protocol; }
+void CommsChannelDataContainerMessage::setInterface(const std::string& interfaceName) { m_interface = interfaceName; }
+void CommsChannelDataContainerMessage::setRemoteContext(const std::string& context) { m_remoteContext = context; }
+void CommsChannelDataContainerMessage::setRequestId(long requestId) { m_requestId = requestId; }
+void CommsChannelDataContainerMessage::setMsgType(int msgType) { m_msgType = msgType; }
+void CommsChannelDataContainerMessage::setPriority(VireoThreadPriority priority) { m_priority = priority; }
+
+void CommsChannelDataContainerMessage::setData(const char* data, int length)
+{
+    dropDataFile();
+    if (data == nullptr || length < 1) {
+        m_data.clear();
+    } else {
+        m_data.assign(data, static_cast<std::size_t>(length));
+    }
+}
+
+std::string& CommsChannelDataContainerMessage::sourceChannel() { return m_sourceChannel; }
+std::string& CommsChannelDataContainerMessage::callbackChannel() { return m_callbackChannel; }
+std::string& CommsChannelDataContainerMessage::protocol() { return m_protocol; }
+std::string& CommsChannelDataContainerMessage::interface() { return m_interface; }
+std::string& CommsChannelDataContainerMessage::remoteContext() { return m_remoteContext; }
+long CommsChannelDataContainerMessage::requestId() const { return m_requestId; }
+int CommsChannelDataContainerMessage::msgType() const { return m_msgType; }
+VireoThreadPriority CommsChannelDataContainerMessage::priority() const { return m_priority; }
+
+std::string CommsChannelDataContainerMessage::getData() const { return m_data; }
+
+char* CommsChannelDataContainerMessage::getData(int* length)
+{
+    if (length != nullptr) {
+        *length = getDataLength();
+    }
+    return &m_data[0];
+}
+
+int CommsChannelDataContainerMessage::getDataLength() const
+{
+    return m_data.size() > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(m_data.size());
+}
+
+void CommsChannelDataContainerMessage::putDataToFile()
+{
+    if (m_data.empty() || (!m_dataFile.empty() && !m_dataFileHandedOut)) {
+        return;
+    }
+    // A file already handed out with an earlier encoding belongs to that
+    // encoding's reader; this send gets a file of its own.
+    m_dataFile.clear();
+    m_dataFileHandedOut = false;
+    m_dataFile = spool::store(m_data.data(), m_data.size());
+}
+
+bool CommsChannelDataContainerMessage::hasDataFile() const
+{
+    return !m_dataFile.empty() && !m_dataFileHandedOut;
+}
+
+void CommsChannelDataContainerMessage::encodeBody(wire::Writer& writer)
+{
+    writer.putString(m_sourceChannel);
+    writer.putString(m_callbackChannel);
+    writer.putString(m_protocol);
+    writer.putString(m_interface);
+    writer.putString(m_remoteContext);
+    writer.putI64(static_cast<std::int64_t>(m_requestId));
+    writer.putI32(static_cast<std::int32_t>(m_msgType));
+    writer.putI32(static_cast<std::int32_t>(m_priority));
+    if (hasDataFile()) {
+        writer.putU8(DATA_IN_FILE);
+        writer.putString(m_dataFile);
+        writer.putU64(static_cast<std::uint64_t>(m_data.size()));
+        m_dataFileHandedOut = true;
+    } else {
+        writer.putU8(DATA_INLINE);
+        writer.putString(m_data);
+    }
+}
+
+bool CommsChannelDataContainerMessage::decodeBody(wire::Reader& reader)
+{
+    std::string sourceChannel = reader.getString();
+    std::string callbackChannel = reader.getString();
+    std::string protocol = reader.getString();
+    std::string interfaceName = reader.getString();
+    std::string remoteContext = reader.getString();
+    const std::int64_t requestId = reader.getI64();
+    const std::int32_t msgType = reader.getI32();
+    const std::int32_t priority = reader.getI32();
+    const std::uint8_t dataKind = reader.getU8();
+    std::string data;
+    std::string dataFile;
+    std::uint64_t fileLength = 0;
+    if (dataKind == DATA_INLINE) {
+        data = reader.getString();
+    } else if (dataKind == DATA_IN_FILE) {
+        dataFile = reader.getString();
+        fileLength = reader.getU64();
+    } else {
+        reader.fail();
+    }
+    // A request id that this host's long cannot hold was not made here.
+    if (!reader.complete() || static_cast<std::int64_t>(static_cast<long>(requestId)) != requestId ||
+        fileLength > static_cast<std::uint64_t>(INT_MAX)) {
+        return false;
+    }
+    // The file is read last, once everything else is known to be sound, so a
+    // malformed encoding never consumes somebody's file.
+    if (dataKind == DATA_IN_FILE && !spool::retrieve(dataFile, fileLength, data)) {
+        return false;
+    }
+    dropDataFile();
+    m_sourceChannel.swap(sourceChannel);
+    m_callbackChannel.swap(callbackChannel);
+    m_protocol.swap(protocol);
+    m_interface.swap(interfaceName);
+    m_remoteContext.swap(remoteContext);
+    m_requestId = static_cast<long>(requestId);
+    m_msgType = msgType;
+    m_priority = static_cast<VireoThreadPriority>(priority);
+    m_data.swap(data);
+    return true;
+}

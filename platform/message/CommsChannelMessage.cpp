@@ -1,0 +1,84 @@
+#include "CommsChannelMessage.h"
+
+#include "WireCodec.h"
+
+#include <limits>
+
+CommsChannelMessage::CommsChannelMessage(int typeCode) : m_type(typeCode) {}
+
+CommsChannelMessage::CommsChannelMessage(const CommsChannelMessage& other)
+    : m_type(other.m_type), m_channel(other.m_channel)
+{
+}
+
+CommsChannelMessage& CommsChannelMessage::operator=(const CommsChannelMessage& other)
+{
+    if (this != &other) {
+        m_type = other.m_type;
+        m_channel = other.m_channel;
+    }
+    return *this;
+}
+
+CommsChannelMessage::~CommsChannelMessage() = default;
+
+char* CommsChannelMessage::encode(int* length)
+{
+    if (length != nullptr) {
+        *length = 0;
+    }
+    wire::Writer writer(m_type);
+    writer.putString(m_channel);
+    encodeBody(writer);
+    // The caller's length is an int: an encoding beyond its range cannot be
+    // described to the sender and is refused.
+    if (!writer.finish() ||
+        writer.bytes().size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+        return nullptr;
+    }
+    m_encoding.swap(writer.bytes());
+    if (length != nullptr) {
+        *length = static_cast<int>(m_encoding.size());
+    }
+    return m_encoding.data();
+}
+
+int CommsChannelMessage::decode(const char* buffer)
+{
+    if (buffer == nullptr) {
+        return 0;
+    }
+    return decodeBounded(buffer, wire::readHostOrderLength(buffer));
+}
+
+int CommsChannelMessage::decode(const char* buffer, unsigned int available)
+{
+    if (buffer == nullptr || available < wire::HEADER_SIZE) {
+        return 0;
+    }
+    const std::uint32_t length = wire::readHostOrderLength(buffer);
+    if (length > available) {
+        return 0;
+    }
+    return decodeBounded(buffer, length);
+}
+
+int CommsChannelMessage::decodeBounded(const char* buffer, unsigned int length)
+{
+    wire::Reader reader(buffer, length);
+    if (!reader.checkHeader(m_type)) {
+        return 0;
+    }
+    std::string channelName = reader.getString();
+    if (!reader.ok() || !decodeBody(reader)) {
+        return 0;
+    }
+    m_channel.swap(channelName);
+    return 1;
+}
+
+std::string& CommsChannelMessage::channel() { return m_channel; }
+
+void CommsChannelMessage::setChannel(const std::string& channelName) { m_channel = channelName; }
+
+int CommsChannelMessage::type() const { return m_type; }

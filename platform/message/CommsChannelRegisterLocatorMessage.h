@@ -1,0 +1,26 @@
+// CommsChannelRegisterLocatorMessage: sent by a process's locator to the resolver
+// when the locator starts, announcing the port of its own socket
+// (setPort). The resolver answers a registration with a locator update that
+// lists every channel it knows. A message belongs to one thread at a time.
+#ifndef COMMSCHANNEL_COMMS_CHANNEL_REGISTERLOCATOR_MESSAGE_H
+#define COMMSCHANNEL_COMMS_CHANNEL_REGISTERLOCATOR_MESSAGE_H
+
+#include "CommsChannelMessage.h"
+
+class CommsChannelRegisterLocatorMessage : public CommsChannelMessage {
+public:
+    CommsChannelRegisterLocatorMessage();
+    ~CommsChannelRegisterLocatorMessage() override;
+
+    void setPort(int port);
+    int port() const;
+
+protected:
+    void encodeBody(wire::Writer& writer) override;
+    bool decodeBody(wire::Reader& reader) override;
+
+private:
+    int m_port;
+};
+
+#endif

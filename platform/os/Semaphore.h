@@ -1,0 +1,47 @@
+// Semaphore: a counting semaphore with an optional maximum, used by the
+// CommsChannel library both as a lock (initial 1, maximum 1) and as a wake-up
+// counter. Every operation is safe to call from any number of threads at once.
+// The creator owns the object; it must not be destroyed while a thread still
+// waits in take().
+#ifndef COMMSCHANNEL_SEMAPHORE_H
+#define COMMSCHANNEL_SEMAPHORE_H
+
+#include <pthread.h>
+
+class Semaphore {
+public:
+    // The initial count of a semaphore that starts free.
+    static const int AVAILABLE;
+    // take() timeout meaning "wait as long as it takes".
+    static const int WAIT_FOREVER = -1;
+
+    // initialCount: counts available at once. maxCount: the count never
+    // rises above it (give() on a full semaphore changes nothing); -1 means
+    // no maximum. reserved: kept for interface compatibility; the library
+    // always passes false and the value has no effect.
+    Semaphore(int initialCount, int maxCount, bool reserved);
+    virtual ~Semaphore();
+
+    Semaphore(const Semaphore&) = delete;
+    Semaphore& operator=(const Semaphore&) = delete;
+
+    // Waits for a count and takes it. timeout is in milliseconds on a
+    // monotonic clock; -1 waits without limit and 0 only tries. Any other
+    // negative value is treated as 0. Returns non-zero when a count was
+    // taken, 0 when the time ran out first.
+    virtual int take(int timeout);
+    // Releases one count, waking one waiter. Returns 1, or 0 when the count
+    // was already at its maximum and stays there.
+    virtual int give();
+
+    // The current count; for diagnostics and tests, outdated at once.
+    int count() const;
+
+private:
+    mutable pthread_mutex_t m_mutex;
+    pthread_cond_t m_available;
+    int m_count;   // guarded by m_mutex
+    const int m_maxCount;
+};
+
+#endif
