@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <random>
@@ -17,7 +18,9 @@ namespace {
 const char NAME_PREFIX[] = "cc-";
 const std::size_t NAME_LENGTH = 3 + 8 + 1 + 16;
 
-std::atomic<unsigned long long> sequence{0};
+// 32 bits wide: a 64-bit atomic needs libatomic on 32-bit targets such as
+// MIPS32, and only the low 24 bits of the counter reach the name anyway.
+std::atomic<std::uint32_t> sequence{0};
 std::atomic<long> lastSweep{0};
 
 // Opens the spool directory, creating it when missing. Returns a descriptor
@@ -46,7 +49,8 @@ bool isHex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
 std::string newName()
 {
     static thread_local std::mt19937_64 generator(std::random_device{}());
-    const unsigned long long unique = (sequence.fetch_add(1) << 40) ^ (generator() >> 24);
+    const unsigned long long unique =
+        (static_cast<unsigned long long>(sequence.fetch_add(1)) << 40) ^ (generator() >> 24);
     char name[NAME_LENGTH + 1];
     std::snprintf(name, sizeof name, "cc-%08x-%016llx",
                   static_cast<unsigned int>(getpid()), unique);
