@@ -44,9 +44,9 @@ private:
 class CCInterProcDispatcher : public CommsChannelDispatcher {
 public:
     // Data above this many bytes travels in a spool file.
-    static const int FILE_THRESHOLD = 59750;
+    static constexpr int FILE_THRESHOLD = 59750;
     // No datagram carries more than this many bytes.
-    static const int MAX_PIECE = 60000;
+    static constexpr int MAX_PIECE = 60000;
 
     explicit CCInterProcDispatcher(int port);
     // 1 when every encoded byte was written; 0 when the sender has no socket

@@ -31,9 +31,9 @@ class Semaphore;
 class CommsChannelLocator {
 public:
     // The resolver's fixed UDP port on 127.0.0.1.
-    static const int RESOLVER_PORT = 5000;
+    static constexpr int RESOLVER_PORT = 5000;
     // How long (ms) a first resolution waits for the resolver's first update.
-    static const int INITIAL_UPDATE_TIMEOUT = 100000;
+    static constexpr int INITIAL_UPDATE_TIMEOUT = 100000;
 
     // The process's locator, created on first use. Never delete it.
     static CommsChannelLocator* instance();

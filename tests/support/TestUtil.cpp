@@ -1,0 +1,158 @@
+#include "TestUtil.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+
+namespace cctest {
+
+long long nowMs()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+bool waitUntil(const std::function<bool()>& predicate, int timeoutMs)
+{
+    const long long deadline = nowMs() + timeoutMs;
+    for (;;) {
+        if (predicate()) {
+            return true;
+        }
+        if (nowMs() >= deadline) {
+            return predicate();
+        }
+        usleep(2000);
+    }
+}
+
+UdpSocket::UdpSocket(int port) : m_fd(-1), m_port(0)
+{
+    m_fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (m_fd < 0) {
+        return;
+    }
+    sockaddr_in address;
+    std::memset(&address, 0, sizeof address);
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    socklen_t length = sizeof address;
+    if (bind(m_fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        close(m_fd);
+        m_fd = -1;
+        return;
+    }
+    m_port = ntohs(address.sin_port);
+}
+
+UdpSocket::~UdpSocket()
+{
+    if (m_fd >= 0) {
+        close(m_fd);
+    }
+}
+
+int UdpSocket::sendTo(int port, const void* data, std::size_t length)
+{
+    sockaddr_in address;
+    std::memset(&address, 0, sizeof address);
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return static_cast<int>(
+        sendto(m_fd, data, length, 0, reinterpret_cast<sockaddr*>(&address), sizeof address));
+}
+
+bool UdpSocket::receive(std::string& out, int timeoutMs, int* sourcePort)
+{
+    pollfd watched;
+    watched.fd = m_fd;
+    watched.events = POLLIN;
+    watched.revents = 0;
+    if (poll(&watched, 1, timeoutMs) <= 0) {
+        return false;
+    }
+    std::vector<char> buffer(70000);
+    sockaddr_in source;
+    socklen_t sourceLength = sizeof source;
+    const ssize_t n = recvfrom(m_fd, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&source),
+                               &sourceLength);
+    if (n < 0) {
+        return false;
+    }
+    out.assign(buffer.data(), static_cast<std::size_t>(n));
+    if (sourcePort != nullptr) {
+        *sourcePort = ntohs(source.sin_port);
+    }
+    return true;
+}
+
+int sendRawDatagram(int port, const void* data, std::size_t length)
+{
+    UdpSocket sender;
+    return sender.sendTo(port, data, length);
+}
+
+std::vector<std::string> spoolFilesOfThisProcess()
+{
+    std::vector<std::string> names;
+    const std::string directory = "/tmp/commschannel-spool-" + std::to_string(geteuid());
+    char prefix[32];
+    std::snprintf(prefix, sizeof prefix, "cc-%08x-", static_cast<unsigned int>(getpid()));
+    DIR* dir = opendir(directory.c_str());
+    if (dir == nullptr) {
+        return names;
+    }
+    while (dirent* entry = readdir(dir)) {
+        if (std::strncmp(entry->d_name, prefix, std::strlen(prefix)) == 0) {
+            names.push_back(entry->d_name);
+        }
+    }
+    closedir(dir);
+    return names;
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path.c_str(), std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+std::vector<std::string> readLines(const std::string& path)
+{
+    std::vector<std::string> lines;
+    std::ifstream in(path.c_str());
+    std::string line;
+    while (std::getline(in, line)) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string diagnosticsLogPath() { return "/logs/CommsChannel.log-" + std::to_string(getpid()); }
+
+int nextFreeDescriptor()
+{
+    const int fd = dup(2);
+    if (fd >= 0) {
+        close(fd);
+    }
+    return fd;
+}
+
+}  // namespace cctest

@@ -1,0 +1,19 @@
+#!/bin/sh
+# Runs a command in network and mount namespaces of its own: loopback up, so
+# that the fixed resolver port 5000 is private to this command, and a private
+# tmpfs on /logs, so that diagnostics dumps never reach the host's files.
+# Usage: isolate.sh COMMAND [ARGS...]
+set -e
+if [ "$(id -u)" -eq 0 ]; then
+    flags="--net --mount"
+else
+    flags="--map-root-user --net --mount"
+fi
+# shellcheck disable=SC2016
+exec unshare $flags -- /bin/sh -c '
+    set -e
+    ip link set lo up
+    mount --make-rprivate /
+    [ -d /logs ] || mkdir -p /logs
+    mount -t tmpfs -o mode=0777 tmpfs /logs
+    exec "$@"' isolate "$@"
