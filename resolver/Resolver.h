@@ -1,0 +1,102 @@
+// Resolver: the name service for the CommsChannel processes of one host,
+// as pure logic. It keeps the ResolverTable and turns each datagram it is
+// given into the datagrams to send back; it never touches a socket, a file
+// or a clock of its own, so a test can drive it one step at a time.
+// ResolverServer does the I/O around it.
+//
+// What it answers (all messages are the message library's classes):
+//   register locator    remember the sender's port as a locator and answer
+//                       it at once with an update listing every channel
+//                       (no rows when there is none)
+//   locator update      apply each row (0 added, anything else removed; a
+//                       removal counts only from the name's owner) and pass
+//                       the applied rows on to every registered locator
+//   port request        always answer the sender with a port response: the
+//                       same name and request id, the port or 0
+//   unregister locator  forget the sender and the channels it owns, and
+//                       announce their removal to the other locators
+// Anything else, and anything that does not decode as exactly one message,
+// is dropped with a rate-limited log line.
+//
+// Every address is a UDP port on 127.0.0.1; the sender of a datagram is
+// known by its source port. One object belongs to one thread.
+//
+// Usage:
+//   resolver::Resolver sut;
+//   std::vector<resolver::Outgoing> replies = sut.handleDatagram(bytes, length, sourcePort);
+//   ... send each reply's bytes to 127.0.0.1:reply.port ...
+//   if (sut.takeChanged()) ... save sut.table() ...
+#ifndef COMMSCHANNEL_RESOLVER_H
+#define COMMSCHANNEL_RESOLVER_H
+
+#include "RateLimiter.h"
+#include "ResolverClock.h"
+#include "ResolverTable.h"
+#include "ResolverUpdates.h"
+
+#include <cstddef>
+#include <set>
+#include <string>
+#include <vector>
+
+class CommsChannelLocatorUpdateMessage;
+class CommsChannelPortRequestMessage;
+
+namespace resolver {
+
+// One datagram to send: never empty.
+struct Outgoing {
+    int port;
+    Encoding bytes;
+};
+
+class Resolver {
+public:
+    // clock times the rate limit of the log lines about dropped datagrams.
+    explicit Resolver(MillisecondClock clock = monotonicMilliseconds);
+
+    Resolver(const Resolver&) = delete;
+    Resolver& operator=(const Resolver&) = delete;
+
+    // Handles one received datagram of length bytes from 127.0.0.1 at
+    // sourcePort. Returns the datagrams to send, in order.
+    std::vector<Outgoing> handleDatagram(const char* bytes, std::size_t length, int sourcePort);
+
+    // Withdraws every locator and channel whose port is not in boundPorts
+    // (the ports still reachable on 127.0.0.1), with the channels owned by a
+    // withdrawn locator, and announces the removed names to the locators
+    // that remain. boundPorts must come from a successful scan: an empty set
+    // withdraws everything.
+    std::vector<Outgoing> withdrawDead(const std::set<int>& boundPorts);
+
+    // Replaces the table with one saved by an earlier resolver, then
+    // withdraws what is no longer bound as withdrawDead() does, so that the
+    // surviving locators forget names that died while no resolver ran.
+    std::vector<Outgoing> restore(const ResolverTable& saved, const std::set<int>& boundPorts);
+
+    const ResolverTable& table() const { return m_table; }
+
+    // True when the table changed since the last call, which clears it.
+    bool takeChanged();
+
+private:
+    std::vector<Outgoing> handleRegister(int sourcePort, int announcedPort);
+    std::vector<Outgoing> handleUnregister(int sourcePort);
+    std::vector<Outgoing> handleUpdate(const CommsChannelLocatorUpdateMessage& update, int sourcePort);
+    std::vector<Outgoing> handlePortRequest(CommsChannelPortRequestMessage& request, int sourcePort);
+
+    // Removes the channels owned by ownerPort; appends removal rows.
+    void removeOwnedBy(int ownerPort, std::vector<UpdateRow>* removed);
+    // The rows as updates, addressed to every registered locator.
+    std::vector<Outgoing> toAllLocators(const std::vector<UpdateRow>& rows) const;
+    void dropped(const char* reason, std::size_t length, int sourcePort);
+
+    ResolverTable m_table;
+    bool m_changed;
+    MillisecondClock m_clock;
+    RateLimiter m_droppedLog;
+};
+
+}  // namespace resolver
+
+#endif
