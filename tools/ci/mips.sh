@@ -2,11 +2,14 @@
 # Cross-builds the project for 32-bit big-endian MIPS Linux (glibc) and runs
 # the whole test suite under qemu-user emulation.
 #
-# Usage: tools/ci/mips.sh [REPO_ROOT [BUILD_DIR]]
-#   REPO_ROOT  defaults to the repository this script is in
+# Usage: tools/ci/mips.sh [REPO_ROOT] [BUILD_DIR]
+#   REPO_ROOT  defaults to the repository this script is in; a first argument
+#              without a CMakeLists.txt in it is taken as BUILD_DIR instead
+#              (tools/run-tests.sh calls "mips.sh BUILD_DIR")
 #   BUILD_DIR  defaults to REPO_ROOT/build-mips
 # Environment:
-#   MIPS_JOBS        parallel build jobs and ctest jobs (default: nproc)
+#   MIPS_JOBS        parallel build jobs and ctest jobs
+#                    (default: COMMSCHANNEL_JOBS, else nproc)
 #   MIPS_CLEAN=1     remove BUILD_DIR first
 #   MIPS_SYSROOT     target root (default /usr/mips-linux-gnu)
 #   CMAKE_BUILD_TYPE passed on when set
@@ -16,9 +19,13 @@
 set -euo pipefail
 
 script_dir=$(cd "$(dirname "$0")" && pwd)
+if [ $# -ge 1 ] && [ ! -f "$1/CMakeLists.txt" ]; then
+    [ $# -eq 1 ] || { echo "usage: $0 [REPO_ROOT] [BUILD_DIR]" >&2; exit 2; }
+    set -- "$script_dir/../.." "$1"
+fi
 root=$(cd "${1:-$script_dir/../..}" && pwd)
 build=${2:-$root/build-mips}
-jobs=${MIPS_JOBS:-$(nproc 2>/dev/null || echo 2)}
+jobs=${MIPS_JOBS:-${COMMSCHANNEL_JOBS:-$(nproc 2>/dev/null || echo 2)}}
 sysroot=${MIPS_SYSROOT:-/usr/mips-linux-gnu}
 toolchain=$root/cmake/toolchains/mips-linux-gnu.cmake
 
