@@ -40,6 +40,7 @@ step "install and build the examples against the installed package"
 
 if [ "${COMMSCHANNEL_SKIP_MIPS:-0}" != "1" ]; then
     step "mips: cross build and emulated test run"
-    "$root/tools/ci/mips.sh" "$out/mips"
+    MIPS_CMAKE_ARGS="-DCOMMSCHANNEL_WERROR=ON" CMAKE_BUILD_TYPE=RelWithDebInfo MIPS_JOBS=$jobs \
+        "$root/tools/ci/mips.sh" "$out/mips"
 fi
 step "all suites passed"
