@@ -9,7 +9,7 @@ rm -rf "$work"
 cmake -S "$root" -B "$work/build" -DBUILD_TESTING=OFF -DCOMMSCHANNEL_WERROR=ON >/dev/null
 cmake --build "$work/build" -j "${COMMSCHANNEL_JOBS:-2}"
 cmake --install "$work/build" --prefix "$work/prefix" >/dev/null
-test -x "$work/prefix/bin/commschannel-resolver"
+test -x "$work/prefix/bin/commschannel-resolver" || { echo "check-install: commschannel-resolver was not installed" >&2; exit 1; }
 
 cmake -S "$root/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/examples" -j "${COMMSCHANNEL_JOBS:-2}"
