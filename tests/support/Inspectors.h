@@ -45,6 +45,22 @@ public:
         channel.m_prequestIdSemaphores->erase(requestId);
         channel.m_pqueueMutex->give();
     }
+    // Locked reads, for tests that look while other threads use the queue.
+    static Semaphore* requestIdSemaphoreLocked(CommsChannel& channel, int requestId)
+    {
+        channel.m_pqueueMutex->take(-1);
+        std::map<int, Semaphore*>::const_iterator it = channel.m_prequestIdSemaphores->find(requestId);
+        Semaphore* semaphore = it != channel.m_prequestIdSemaphores->end() ? it->second : nullptr;
+        channel.m_pqueueMutex->give();
+        return semaphore;
+    }
+    static std::size_t queueLengthLocked(CommsChannel& channel)
+    {
+        channel.m_pqueueMutex->take(-1);
+        const std::size_t length = channel.m_preceiveQueue->size();
+        channel.m_pqueueMutex->give();
+        return length;
+    }
     static const std::vector<VireoThreadPriority>& priorities(CommsChannel& channel)
     {
         return channel.m_msgTypePriorities;
