@@ -20,6 +20,14 @@ public:
     static int queueSemaphoreCount(CommsChannel& channel) { return channel.m_pqueueSemaphore->count(); }
     static int queueMutexCount(CommsChannel& channel) { return channel.m_pqueueMutex->count(); }
     static std::size_t queueLength(CommsChannel& channel) { return channel.m_preceiveQueue->size(); }
+    // The queue's length read under the queue lock, safe while messages arrive.
+    static std::size_t queueLengthLocked(CommsChannel& channel)
+    {
+        channel.m_pqueueMutex->take(-1);
+        const std::size_t length = channel.m_preceiveQueue->size();
+        channel.m_pqueueMutex->give();
+        return length;
+    }
     static const std::list<CommsChannelDataContainerMessage*>& queue(CommsChannel& channel)
     {
         return *channel.m_preceiveQueue;
