@@ -1,0 +1,477 @@
+// Registration of this process's channels and resolution of destination
+// names: from the local map, from the remote map, or by a port request to
+// the resolver (a cctest::FakeResolver here) answered on the locator thread.
+#include "CommsChannel.h"
+#include "CommsChannelDataContainerMessage.h"
+#include "CommsChannelDispatcher.h"
+#include "CommsChannelLocator.h"
+#include "FakeResolver.h"
+#include "LocatorProbe.h"
+#include "TestUtil.h"
+
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using cctest::FakeResolver;
+using cctest::LocatorProbe;
+using cctest::PendingResolution;
+
+typedef std::vector<std::tuple<int, std::string, int>> Rows;
+
+const int ADDED = 0;
+const int REMOVED = 1;
+
+class CommsChannelLocatorResolutionTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(fakeResolver.ok()); }
+
+    int locatorPort()
+    {
+        CommsChannelLocator* locator = LocatorProbe::current();
+        return locator != nullptr ? CommsChannelLocatorInspector::port(*locator) : 0;
+    }
+
+    // Pushes an update and waits until the locator thread has applied it,
+    // shown by a marker row after the given rows.
+    void pushUpdate(Rows rows, const std::string& marker = "marker")
+    {
+        rows.push_back(std::make_tuple(ADDED, marker, 40999));
+        ASSERT_GT(fakeResolver.sendUpdate(locatorPort(), rows), 0);
+        ASSERT_TRUE(cctest::waitUntil([&] { return LocatorProbe::remoteHas(marker); }, 20000));
+    }
+
+    CommsChannelDispatcher* resolve(const std::string& name)
+    {
+        PendingResolution resolution(name);
+        EXPECT_TRUE(resolution.waitDone(20000)) << "getDispatcher(" << name << ") did not return";
+        return resolution.result();
+    }
+
+    // Update rows the resolver received for name, in order.
+    std::vector<int> rowTypesFor(const std::string& name)
+    {
+        std::vector<int> types;
+        for (const FakeResolver::Received& update : fakeResolver.receivedOfType(COMMS_MSG_LOCATOR_UPDATE)) {
+            for (const auto& row : update.rows) {
+                if (std::get<1>(row) == name) {
+                    types.push_back(std::get<0>(row));
+                }
+            }
+        }
+        return types;
+    }
+
+    // Waits until the resolver got the registration row of a channel named
+    // marker: everything the locator sent before it has arrived too.
+    void waitForRowsFor(const std::string& name, std::size_t count)
+    {
+        ASSERT_TRUE(cctest::waitUntil([&] { return rowTypesFor(name).size() >= count; }, 20000));
+    }
+
+    FakeResolver fakeResolver;
+};
+
+TEST_F(CommsChannelLocatorResolutionTest, RegistrationAnnouncesNameAndPortInOneAddedRow)
+{
+    CommsChannel sut("alpha");
+
+    waitForRowsFor("alpha", 1);
+    const std::vector<FakeResolver::Received> updates = fakeResolver.receivedOfType(COMMS_MSG_LOCATOR_UPDATE);
+    ASSERT_EQ(1u, updates.size());
+    ASSERT_EQ(1u, updates[0].rows.size());
+    EXPECT_EQ(std::make_tuple(ADDED, std::string("alpha"), sut.port()), updates[0].rows[0]);
+    EXPECT_EQ(locatorPort(), updates[0].sourcePort);
+    CCIntraProcDispatcher* intra = dynamic_cast<CCIntraProcDispatcher*>(LocatorProbe::localDispatcher("alpha"));
+    ASSERT_NE(nullptr, intra);
+    EXPECT_EQ(&sut, intra->destination());
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, DuplicateNameIsRefusedKeepsTheFirstEntryAndSendsNothing)
+{
+    CommsChannel first("dup");
+    CommsChannel second("dup");  // its own registration is the first refusal
+
+    EXPECT_EQ(0, CommsChannelLocator::instance()->registerChannel(&second));
+
+    EXPECT_EQ(&first, LocatorProbe::localHandle("dup"));
+    EXPECT_EQ(1u, LocatorProbe::localCount());
+    // The locator's datagrams arrive in order: once the next channel's row
+    // is in, a row for the duplicate would have been seen.
+    CommsChannel marker("marker");
+    waitForRowsFor("marker", 1);
+    EXPECT_EQ(std::vector<int>{ADDED}, rowTypesFor("dup"));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, NullChannelIsNeitherRegisteredNorUnregistered)
+{
+    CommsChannel anchor("anchor");
+    CommsChannelLocator* sut = CommsChannelLocator::instance();
+
+    EXPECT_EQ(0, sut->registerChannel(nullptr));
+    EXPECT_EQ(0, sut->unregisterChannel(nullptr));
+
+    EXPECT_EQ(sut, LocatorProbe::current());
+    EXPECT_EQ(1u, LocatorProbe::localCount());
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, UnregisteringTheLastLocalChannelDestroysTheLocator)
+{
+    CommsChannel* channel = new CommsChannel("only");
+    ASSERT_NE(nullptr, LocatorProbe::current());
+
+    delete channel;
+
+    EXPECT_EQ(nullptr, LocatorProbe::current());
+    ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_UNREGISTER_LOCATOR, 1, 20000));
+    EXPECT_EQ((std::vector<int>{ADDED, REMOVED}), rowTypesFor("only"));
+
+    // The next registration builds a new locator, registered anew.
+    CommsChannel next("next");
+    EXPECT_NE(nullptr, LocatorProbe::current());
+    EXPECT_EQ(&next, LocatorProbe::localHandle("next"));
+    EXPECT_TRUE(fakeResolver.waitForType(COMMS_MSG_REGISTER_LOCATOR, 2, 20000));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, UnregisteringOneOfTwoChannelsKeepsTheLocator)
+{
+    CommsChannel stays("stays");
+    CommsChannel* leaves = new CommsChannel("leaves");
+    CommsChannelLocator* sut = LocatorProbe::current();
+
+    delete leaves;
+
+    EXPECT_EQ(sut, LocatorProbe::current());
+    EXPECT_EQ(1u, LocatorProbe::localCount());
+    EXPECT_EQ(&stays, LocatorProbe::localHandle("stays"));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, UnregisteringAnUnnamedChannelFromAnEmptyLocatorDestroysItAndFails)
+{
+    CommsChannel unnamed("");  // unnamed channels never register
+    CommsChannelLocator* sut = CommsChannelLocator::instance();
+
+    EXPECT_EQ(0, sut->unregisterChannel(&unnamed));
+
+    EXPECT_EQ(nullptr, LocatorProbe::current());
+    EXPECT_TRUE(fakeResolver.waitForType(COMMS_MSG_UNREGISTER_LOCATOR, 1, 20000));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, UnregisteringANeverRegisteredChannelWhileNoOtherExistsDestroysItAndFails)
+{
+    CommsChannel ghost("ghost");
+    ASSERT_EQ(1, CommsChannelLocator::instance()->unregisterChannel(&ghost));
+    ASSERT_EQ(nullptr, LocatorProbe::current());
+    // A new locator that never had ghost registered.
+    CommsChannelLocator* sut = CommsChannelLocator::instance();
+    ASSERT_EQ(0u, LocatorProbe::localCount());
+
+    EXPECT_EQ(0, sut->unregisterChannel(&ghost));
+
+    EXPECT_EQ(nullptr, LocatorProbe::current());
+    ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_UNREGISTER_LOCATOR, 2, 20000));
+    // Only the real unregistration was announced.
+    EXPECT_EQ((std::vector<int>{ADDED, REMOVED}), rowTypesFor("ghost"));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, LocalNameResolvesToItsIntraProcessDispatcher)
+{
+    CommsChannel sut("local");
+
+    CCIntraProcDispatcher* intra = dynamic_cast<CCIntraProcDispatcher*>(resolve("local"));
+
+    ASSERT_NE(nullptr, intra);
+    EXPECT_EQ(&sut, intra->destination());
+    EXPECT_TRUE(fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST).empty());
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, NameBothLocalAndRemoteResolvesToTheLocalIntraProcessDispatcher)
+{
+    fakeResolver.setPort("both", 45678);
+    CommsChannel sut("both");
+    ASSERT_TRUE(cctest::waitUntil([] { return LocatorProbe::remotePort("both") == 45678; }, 20000));
+
+    CommsChannelDispatcher* dispatcher = resolve("both");
+
+    CCIntraProcDispatcher* intra = dynamic_cast<CCIntraProcDispatcher*>(dispatcher);
+    ASSERT_NE(nullptr, intra);
+    EXPECT_EQ(&sut, intra->destination());
+    EXPECT_EQ(LocatorProbe::localDispatcher("both"), dispatcher);
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, UpdateAboutALocalNameLandsInTheRemoteMapOnly)
+{
+    CommsChannel sut("mine");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+
+    pushUpdate(Rows{std::make_tuple(ADDED, "mine", 41000)});
+    EXPECT_EQ(41000, LocatorProbe::remotePort("mine"));
+    EXPECT_EQ(&sut, LocatorProbe::localHandle("mine"));
+
+    pushUpdate(Rows{std::make_tuple(REMOVED, "mine", 0)}, "marker2");
+    EXPECT_FALSE(LocatorProbe::remoteHas("mine"));
+    EXPECT_EQ(&sut, LocatorProbe::localHandle("mine"));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, RemoteNameResolvesWithoutAPortRequest)
+{
+    cctest::UdpSocket peer;
+    ASSERT_TRUE(peer.ok());
+    fakeResolver.setPort("remote", peer.port());
+    CommsChannel anchor("anchor");
+    ASSERT_TRUE(cctest::waitUntil([] { return LocatorProbe::remoteHas("remote"); }, 20000));
+
+    CCInterProcDispatcher* inter = dynamic_cast<CCInterProcDispatcher*>(resolve("remote"));
+
+    ASSERT_NE(nullptr, inter);
+    EXPECT_EQ(peer.port(), inter->port());
+    EXPECT_TRUE(fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST).empty());
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, UnknownNameIsRequestedAndTheAnswerIsLearnt)
+{
+    CommsChannel anchor("anchor");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+    fakeResolver.setPort("late", 42000);
+
+    CCInterProcDispatcher* inter = dynamic_cast<CCInterProcDispatcher*>(resolve("late"));
+
+    ASSERT_NE(nullptr, inter);
+    EXPECT_EQ(42000, inter->port());
+    EXPECT_EQ(42000, LocatorProbe::remotePort("late"));
+    EXPECT_EQ(inter, LocatorProbe::remoteDispatcher("late"));
+    const std::vector<FakeResolver::Received> requests = fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST);
+    ASSERT_EQ(1u, requests.size());
+    EXPECT_EQ("late", requests[0].channel);
+    EXPECT_EQ(locatorPort(), requests[0].sourcePort);
+    EXPECT_EQ(0u, CommsChannelLocatorInspector::outstandingRequests(*LocatorProbe::current()));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, PortChangeOfAKnownNameUpdatesThePortButSendsGoOnToTheFirstPort)
+{
+    cctest::UdpSocket firstHome;
+    cctest::UdpSocket secondHome;
+    ASSERT_TRUE(firstHome.ok());
+    ASSERT_TRUE(secondHome.ok());
+    fakeResolver.setPort("mover", firstHome.port());
+    CommsChannel sender("sender");
+    ASSERT_TRUE(cctest::waitUntil([] { return LocatorProbe::remoteHas("mover"); }, 20000));
+
+    pushUpdate(Rows{std::make_tuple(ADDED, "mover", secondHome.port())});
+    ASSERT_EQ(secondHome.port(), LocatorProbe::remotePort("mover"));
+
+    CCInterProcDispatcher* inter = dynamic_cast<CCInterProcDispatcher*>(resolve("mover"));
+    ASSERT_NE(nullptr, inter);
+    EXPECT_EQ(firstHome.port(), inter->port());
+    CommsChannelDataContainerMessage message;
+    message.setChannel("mover");
+    message.setData("where to?", 9);
+    EXPECT_EQ(1, inter->sendMsg(&sender, message));
+    std::string datagram;
+    EXPECT_TRUE(firstHome.receive(datagram, 10000));
+    EXPECT_NE(std::string::npos, datagram.find("where to?"));
+    EXPECT_FALSE(secondHome.receive(datagram, 300));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, PortChangeByAResponseAlsoKeepsTheFirstDispatcher)
+{
+    CommsChannel anchor("anchor");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+    pushUpdate(Rows{std::make_tuple(ADDED, "mover", 43000)});
+    CommsChannelDispatcher* first = LocatorProbe::remoteDispatcher("mover");
+
+    // An unsolicited answer naming a known name with a new port.
+    ASSERT_GT(fakeResolver.sendPortResponse(locatorPort(), "mover", 77, 43001), 0);
+    ASSERT_TRUE(cctest::waitUntil([] { return LocatorProbe::remotePort("mover") == 43001; }, 20000));
+
+    EXPECT_EQ(first, LocatorProbe::remoteDispatcher("mover"));
+    EXPECT_EQ(43000, dynamic_cast<CCInterProcDispatcher*>(first)->port());
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, PortZeroAnswerReleasesTheRequesterWithTheSharedNullDispatcher)
+{
+    CommsChannel anchor("anchor");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+
+    CommsChannelDispatcher* first = resolve("nobody");
+    CommsChannelDispatcher* again = resolve("nobody");
+    CommsChannelDispatcher* other = resolve("nobodyElse");
+
+    ASSERT_NE(nullptr, dynamic_cast<CCNullDispatcher*>(first));
+    EXPECT_EQ(first, again);
+    EXPECT_EQ(first, other);
+    EXPECT_FALSE(LocatorProbe::remoteHas("nobody"));
+    EXPECT_EQ(0u, LocatorProbe::remoteCount());
+    EXPECT_EQ(3u, fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST).size());
+    EXPECT_EQ(0u, CommsChannelLocatorInspector::outstandingRequests(*LocatorProbe::current()));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, SharedNullDispatcherOutlivesTheLocator)
+{
+    CommsChannelDispatcher* first = nullptr;
+    {
+        CommsChannel anchor("anchor");
+        first = resolve("nobody");
+    }
+    ASSERT_EQ(nullptr, LocatorProbe::current());
+
+    CommsChannel anchor("anchor");
+    EXPECT_EQ(first, resolve("nobody"));
+    ASSERT_NE(nullptr, dynamic_cast<CCNullDispatcher*>(first));
+}
+
+// A resolver that stays silent on registration, so that the first
+// resolution waits for the first update.
+TEST(CommsChannelLocatorInitialWait, UpdateWithZeroRowsEndsTheInitialWait)
+{
+    FakeResolver fakeResolver(false, true);
+    ASSERT_TRUE(fakeResolver.ok());
+    CommsChannel anchor("anchor");
+    const int port = fakeResolver.waitForLocator(20000);
+    ASSERT_NE(0, port);
+    PendingResolution resolution("anyone");
+    ASSERT_TRUE(resolution.staysBlocked());
+    EXPECT_TRUE(fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST).empty());
+
+    ASSERT_GT(fakeResolver.sendUpdate(port, Rows{}), 0);
+
+    // Far below the 100 s that the wait would otherwise last.
+    ASSERT_TRUE(resolution.waitDone(30000));
+    EXPECT_TRUE(CommsChannelLocatorInspector::initialUpdateReceived(*LocatorProbe::current()));
+    EXPECT_EQ(1u, fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST).size());
+    EXPECT_NE(nullptr, dynamic_cast<CCNullDispatcher*>(resolution.result()));
+    EXPECT_EQ(0u, LocatorProbe::remoteCount());
+}
+
+TEST(CommsChannelLocatorInitialWait, LaterResolutionsDoNotWaitAgain)
+{
+    FakeResolver fakeResolver(false, true);
+    ASSERT_TRUE(fakeResolver.ok());
+    CommsChannel anchor("anchor");
+    const int port = fakeResolver.waitForLocator(20000);
+    ASSERT_NE(0, port);
+    ASSERT_GT(fakeResolver.sendUpdate(port, Rows{}), 0);
+    ASSERT_TRUE(cctest::waitUntil(
+        [] { return CommsChannelLocatorInspector::initialUpdateReceived(*LocatorProbe::current()); }, 20000));
+
+    PendingResolution first("one");
+    ASSERT_TRUE(first.waitDone(30000));
+    PendingResolution second("two");
+    ASSERT_TRUE(second.waitDone(30000));
+
+    EXPECT_EQ(2u, fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST).size());
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, RemovalRowForAnUnknownNameChangesNothing)
+{
+    CommsChannel anchor("anchor");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+    pushUpdate(Rows{std::make_tuple(ADDED, "known", 44000)});
+
+    pushUpdate(Rows{std::make_tuple(REMOVED, "unknown", 44001)}, "marker2");
+
+    EXPECT_EQ(44000, LocatorProbe::remotePort("known"));
+    EXPECT_FALSE(LocatorProbe::remoteHas("unknown"));
+    EXPECT_EQ(3u, LocatorProbe::remoteCount());
+    EXPECT_EQ(&anchor, LocatorProbe::localHandle("anchor"));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, RemovalRowRemovesAKnownName)
+{
+    CommsChannel anchor("anchor");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+    pushUpdate(Rows{std::make_tuple(ADDED, "known", 44000)});
+
+    pushUpdate(Rows{std::make_tuple(REMOVED, "known", 0)}, "marker2");
+
+    EXPECT_FALSE(LocatorProbe::remoteHas("known"));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, AnyNonZeroUpdateTypeIsARemoval)
+{
+    CommsChannel anchor("anchor");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+    pushUpdate(Rows{std::make_tuple(ADDED, "known", 44000)});
+
+    pushUpdate(Rows{std::make_tuple(7, "known", 44002)}, "marker2");
+
+    EXPECT_FALSE(LocatorProbe::remoteHas("known"));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, RowsOfOneUpdateAreAppliedInOrder)
+{
+    CommsChannel anchor("anchor");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+
+    pushUpdate(Rows{std::make_tuple(ADDED, "a", 45000), std::make_tuple(REMOVED, "a", 0),
+                    std::make_tuple(ADDED, "b", 45001), std::make_tuple(ADDED, "b", 45002)});
+
+    EXPECT_FALSE(LocatorProbe::remoteHas("a"));
+    EXPECT_EQ(45002, LocatorProbe::remotePort("b"));
+    EXPECT_EQ(45001, dynamic_cast<CCInterProcDispatcher*>(LocatorProbe::remoteDispatcher("b"))->port());
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, RequestIdsIncreaseByOneFromOne)
+{
+    CommsChannel anchor("anchor");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+
+    resolve("first");
+    resolve("second");
+    resolve("third");
+
+    const std::vector<FakeResolver::Received> requests = fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST);
+    ASSERT_EQ(3u, requests.size());
+    EXPECT_EQ("first", requests[0].channel);
+    EXPECT_EQ(1, requests[0].requestId);
+    EXPECT_EQ("second", requests[1].channel);
+    EXPECT_EQ(2, requests[1].requestId);
+    EXPECT_EQ("third", requests[2].channel);
+    EXPECT_EQ(3, requests[2].requestId);
+    EXPECT_EQ(3, CommsChannelLocatorInspector::requestId(*LocatorProbe::current()));
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, AnswerWithAnUnknownRequestIdReleasesNobody)
+{
+    fakeResolver.setAnswerRequests(false);
+    CommsChannel anchor("anchor");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+    PendingResolution resolution("slow");
+    ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_PORT_REQUEST, 1, 20000));
+
+    ASSERT_GT(fakeResolver.sendPortResponse(locatorPort(), "slow", 99, 46000), 0);
+    ASSERT_TRUE(cctest::waitUntil([] { return LocatorProbe::remotePort("slow") == 46000; }, 20000));
+    EXPECT_TRUE(resolution.staysBlocked());
+
+    const long requestId = fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST)[0].requestId;
+    ASSERT_GT(fakeResolver.sendPortResponse(locatorPort(), "slow", requestId, 46000), 0);
+    ASSERT_TRUE(resolution.waitDone(20000));
+    CCInterProcDispatcher* inter = dynamic_cast<CCInterProcDispatcher*>(resolution.result());
+    ASSERT_NE(nullptr, inter);
+    EXPECT_EQ(46000, inter->port());
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, RequesterBlockedOnAnUnansweredRequestIsReleasedByTheLocatorsDestruction)
+{
+    fakeResolver.setAnswerRequests(false);
+    CommsChannel* anchor = new CommsChannel("anchor");
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+    PendingResolution resolution("silent");
+    ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_PORT_REQUEST, 1, 20000));
+    ASSERT_TRUE(resolution.staysBlocked());
+    ASSERT_EQ(1u, CommsChannelLocatorInspector::outstandingRequests(*LocatorProbe::current()));
+
+    delete anchor;  // the last local channel: the locator goes
+
+    ASSERT_TRUE(resolution.waitDone(20000));
+    EXPECT_EQ(nullptr, LocatorProbe::current());
+    // Released by a locator that is shutting down: no dispatcher.
+    EXPECT_EQ(nullptr, resolution.result());
+}
+
+}  // namespace

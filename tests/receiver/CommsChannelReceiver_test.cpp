@@ -1,0 +1,282 @@
+// The receiver registry: the singleton, its list of watched channels, the
+// descriptor set and the status socket through which list changes wake the
+// receiver thread. Unnamed channels keep the locator out of the way.
+#include "CommsChannel.h"
+#include "CommsChannelReceiver.h"
+#include "ReceiverProbe.h"
+#include "TestUtil.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using cctest::ReceiverProbe;
+
+// The 4 bytes of a status update for id, in host byte order.
+std::string statusBytes(statusUpdateMsgId id)
+{
+    const std::int32_t value = static_cast<std::int32_t>(id);
+    char bytes[4];
+    std::memcpy(bytes, &value, 4);
+    return std::string(bytes, 4);
+}
+
+class CommsChannelReceiverTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(peer.ok()); }
+
+    // Sends a data message to the channel from the peer and takes it out.
+    std::string roundTrip(CommsChannel& channel, const std::string& data)
+    {
+        peer.sendTo(channel.port(), cctest::dataEncoding("", data));
+        if (!cctest::waitForQueued(channel)) {
+            return "(nothing arrived)";
+        }
+        std::string received;
+        channel.receiveMsg(received);
+        return received;
+    }
+
+    cctest::UdpSocket peer;
+};
+
+TEST_F(CommsChannelReceiverTest, FirstChannelCreatesTheReceiverWithItsStatusSocket)
+{
+    ASSERT_EQ(nullptr, ReceiverProbe::current());
+
+    CommsChannel channel("");
+
+    CommsChannelReceiver* sut = ReceiverProbe::current();
+    ASSERT_NE(nullptr, sut);
+    EXPECT_EQ(sut, CommsChannelReceiver::instance());
+    EXPECT_EQ(1, sut->numReceiveChannels());
+    EXPECT_EQ(std::vector<CommsChannel*>{&channel}, ReceiverProbe::channels());
+    EXPECT_GT(ReceiverProbe::statusSocket(), 0);
+    EXPECT_NE(0, ReceiverProbe::statusPort());
+    EXPECT_TRUE(ReceiverProbe::isMonitored(ReceiverProbe::statusSocket()));
+    EXPECT_TRUE(ReceiverProbe::isMonitored(channel.socketHandle()));
+    EXPECT_EQ("hello", roundTrip(channel, "hello"));
+}
+
+TEST_F(CommsChannelReceiverTest, SameChannelAddedTwiceIsListedTwiceAndOneRemovalTakesTheFirstEntry)
+{
+    CommsChannel first("");
+    CommsChannel second("");
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+
+    EXPECT_EQ(1, sut->addReceiveChannel(&first));
+    EXPECT_EQ(3, sut->numReceiveChannels());
+    EXPECT_EQ((std::vector<CommsChannel*>{&first, &second, &first}), ReceiverProbe::channels());
+
+    sut->removeReceiveChannel(&first);
+
+    EXPECT_EQ(2, sut->numReceiveChannels());
+    EXPECT_EQ((std::vector<CommsChannel*>{&second, &first}), ReceiverProbe::channels());
+    EXPECT_EQ(sut, ReceiverProbe::current());
+    EXPECT_TRUE(ReceiverProbe::isMonitored(first.socketHandle()));
+    EXPECT_EQ("still served", roundTrip(first, "still served"));
+}
+
+TEST_F(CommsChannelReceiverTest, RemovingAChannelNotInTheListStillSendsAStatusUpdate)
+{
+    CommsChannel listed("");
+    CommsChannel unlisted("");
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+    sut->removeReceiveChannel(&unlisted);
+    ASSERT_EQ(std::vector<CommsChannel*>{&listed}, ReceiverProbe::channels());
+    cctest::UdpSocket spy;
+    ASSERT_TRUE(spy.ok());
+    std::string update;
+    {
+        cctest::StatusUpdateDiversion diversion(spy.port());
+
+        sut->removeReceiveChannel(&unlisted);
+
+        EXPECT_TRUE(spy.receive(update, 10000));
+    }
+    EXPECT_EQ(statusBytes(CHANNEL_REMOVED), update);
+    EXPECT_EQ(std::vector<CommsChannel*>{&listed}, ReceiverProbe::channels());
+    EXPECT_EQ(sut, ReceiverProbe::current());
+    EXPECT_EQ("served", roundTrip(listed, "served"));
+}
+
+TEST_F(CommsChannelReceiverTest, RemovingAChannelNotInAnEmptyListShutsTheReceiverDown)
+{
+    CommsChannel unlisted("");
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+    sut->removeReceiveChannel(&unlisted);
+    ASSERT_EQ(nullptr, ReceiverProbe::current());
+    // A receiver with an empty list.
+    sut = CommsChannelReceiver::instance();
+    ASSERT_EQ(0, sut->numReceiveChannels());
+    ASSERT_GT(ReceiverProbe::statusSocket(), 0);
+
+    sut->removeReceiveChannel(&unlisted);
+
+    EXPECT_EQ(nullptr, ReceiverProbe::current());
+    EXPECT_EQ(0, ReceiverProbe::statusSocket());
+    EXPECT_EQ(0, ReceiverProbe::statusPort());
+}
+
+TEST_F(CommsChannelReceiverTest, LastRemovalClearsTheInstanceAndTheNextChannelBuildsAFreshReceiver)
+{
+    CommsChannel* first = new CommsChannel("");
+    const int oldStatusPort = ntohs(static_cast<uint16_t>(ReceiverProbe::statusPort()));
+
+    delete first;
+
+    EXPECT_EQ(nullptr, ReceiverProbe::current());
+    EXPECT_EQ(0, ReceiverProbe::statusSocket());
+    EXPECT_EQ(0, ReceiverProbe::statusPort());
+    // The old status socket is closed: its port can be taken over, which
+    // also keeps the next receiver off it.
+    cctest::UdpSocket oldStatusPortHolder(oldStatusPort);
+    EXPECT_TRUE(oldStatusPortHolder.ok());
+
+    CommsChannel second("");
+
+    ASSERT_NE(nullptr, ReceiverProbe::current());
+    EXPECT_GT(ReceiverProbe::statusSocket(), 0);
+    EXPECT_NE(0, ReceiverProbe::statusPort());
+    EXPECT_NE(oldStatusPort, ntohs(static_cast<uint16_t>(ReceiverProbe::statusPort())));
+    EXPECT_FALSE(ReceiverProbe::stopRequested());
+    EXPECT_EQ(std::vector<CommsChannel*>{&second}, ReceiverProbe::channels());
+    EXPECT_EQ("fresh thread", roundTrip(second, "fresh thread"));
+}
+
+TEST_F(CommsChannelReceiverTest, NullChannelChangesNothingAndSendsNothing)
+{
+    CommsChannel channel("");
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+    const int maxBefore = ReceiverProbe::maxSocketPlusOne();
+    cctest::UdpSocket spy;
+    ASSERT_TRUE(spy.ok());
+    std::string first;
+    {
+        cctest::StatusUpdateDiversion diversion(spy.port());
+
+        sut->addReceiveChannel(nullptr);
+        sut->removeReceiveChannel(nullptr);
+
+        // Loopback datagrams arrive in order: the marker must come first.
+        ASSERT_EQ(6, peer.sendTo(spy.port(), "marker", 6));
+        EXPECT_TRUE(spy.receive(first, 10000));
+    }
+    EXPECT_EQ("marker", first);
+    EXPECT_EQ(std::vector<CommsChannel*>{&channel}, ReceiverProbe::channels());
+    EXPECT_EQ(maxBefore, ReceiverProbe::maxSocketPlusOne());
+    EXPECT_EQ(sut, ReceiverProbe::current());
+}
+
+TEST_F(CommsChannelReceiverTest, HighestDescriptorRaisesMaxSocketPlusOneAndItsRemovalLowersIt)
+{
+    CommsChannel low("");
+    const int before = ReceiverProbe::maxSocketPlusOne();
+    EXPECT_EQ(std::max(ReceiverProbe::statusSocket(), low.socketHandle()) + 1, before);
+    // Fill every free number below the current maximum, so that the next
+    // socket is the highest descriptor.
+    std::vector<int> fillers;
+    while (cctest::nextFreeDescriptor() < before) {
+        fillers.push_back(dup(2));
+    }
+    CommsChannel* high = new CommsChannel("");
+    const int highFd = high->socketHandle();
+    ASSERT_GE(highFd, before);
+
+    EXPECT_EQ(highFd + 1, ReceiverProbe::maxSocketPlusOne());
+    EXPECT_TRUE(ReceiverProbe::isMonitored(highFd));
+
+    delete high;
+
+    EXPECT_EQ(before, ReceiverProbe::maxSocketPlusOne());
+    EXPECT_FALSE(ReceiverProbe::isMonitored(highFd));
+    for (int fd : fillers) {
+        close(fd);
+    }
+}
+
+TEST_F(CommsChannelReceiverTest, StatusUpdateIsFourBytesHoldingTheIdInHostByteOrderFromTheStatusSocket)
+{
+    CommsChannel channel("");
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+    const int statusPort = ntohs(static_cast<uint16_t>(ReceiverProbe::statusPort()));
+    cctest::UdpSocket spy;
+    ASSERT_TRUE(spy.ok());
+    std::string added;
+    std::string removed;
+    int sourcePort = 0;
+    {
+        cctest::StatusUpdateDiversion diversion(spy.port());
+
+        EXPECT_EQ(1, sut->statusUpdate(CHANNEL_ADDED));
+        EXPECT_EQ(1, sut->statusUpdate(CHANNEL_REMOVED));
+
+        EXPECT_TRUE(spy.receive(added, 10000, &sourcePort));
+        EXPECT_TRUE(spy.receive(removed, 10000));
+    }
+    EXPECT_EQ(statusBytes(CHANNEL_ADDED), added);
+    EXPECT_EQ(statusBytes(CHANNEL_REMOVED), removed);
+    EXPECT_EQ(statusPort, sourcePort);
+}
+
+TEST_F(CommsChannelReceiverTest, AddingAChannelSendsAnAddedUpdateAndReturnsOne)
+{
+    CommsChannel listed("");
+    CommsChannel other("");
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+    sut->removeReceiveChannel(&other);
+    cctest::UdpSocket spy;
+    ASSERT_TRUE(spy.ok());
+    std::string update;
+    int result = 0;
+    {
+        cctest::StatusUpdateDiversion diversion(spy.port());
+
+        result = sut->addReceiveChannel(&other);
+
+        EXPECT_TRUE(spy.receive(update, 10000));
+    }
+    EXPECT_EQ(1, result);
+    EXPECT_EQ(statusBytes(CHANNEL_ADDED), update);
+    EXPECT_EQ((std::vector<CommsChannel*>{&listed, &other}), ReceiverProbe::channels());
+}
+
+TEST_F(CommsChannelReceiverTest, StatusPortIsKeptInNetworkByteOrderAsGetsocknameGivesIt)
+{
+    CommsChannel channel("");
+
+    sockaddr_in address;
+    socklen_t length = sizeof address;
+    ASSERT_EQ(0, getsockname(ReceiverProbe::statusSocket(), reinterpret_cast<sockaddr*>(&address), &length));
+
+    EXPECT_EQ(static_cast<int>(address.sin_port), ReceiverProbe::statusPort());
+    EXPECT_EQ(htonl(INADDR_LOOPBACK), address.sin_addr.s_addr);
+}
+
+TEST_F(CommsChannelReceiverTest, StatusUpdatesAreDrainedByTheThread)
+{
+    CommsChannel channel("");
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(1, sut->statusUpdate(CHANNEL_ADDED));
+    }
+
+    EXPECT_TRUE(cctest::waitUntil([] { return ReceiverProbe::pendingBytes(ReceiverProbe::statusSocket()) == 0; },
+                                  20000));
+    EXPECT_EQ(sut, ReceiverProbe::current());
+    EXPECT_EQ("awake", roundTrip(channel, "awake"));
+}
+
+}  // namespace

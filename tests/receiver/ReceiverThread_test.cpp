@@ -1,0 +1,335 @@
+// The receiver thread: reading each encoding from the socket it arrived on,
+// joining encodings split over several datagrams, the status socket, and
+// what happens to datagrams that cannot be read. A cctest::UdpSocket plays
+// the other process; unnamed channels keep the locator out of the way.
+#include "CommsChannel.h"
+#include "CommsChannelDataContainerMessage.h"
+#include "CommsChannelDispatcher.h"
+#include "CommsChannelReceiver.h"
+#include "ReceiverProbe.h"
+#include "TestUtil.h"
+#include "WireCodec.h"
+
+#include <sys/socket.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using cctest::ReceiverProbe;
+
+const std::string RECEIVE_FAILURE =
+    "CommsChannelReceiver - monitorChannels(), Failed to receive a message correctly";
+
+std::string dataOf(std::size_t length, char first = 'a')
+{
+    std::string data(length, '\0');
+    for (std::size_t i = 0; i < length; ++i) {
+        data[i] = static_cast<char>(first + i % 26);
+    }
+    return data;
+}
+
+class ReceiverThreadTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(peer.ok()); }
+
+    // Takes the next queued message's data; the message must be queued.
+    std::string take(CommsChannel& channel)
+    {
+        if (!cctest::waitForQueued(channel)) {
+            return "(nothing arrived)";
+        }
+        std::string data;
+        channel.receiveMsg(data);
+        return data;
+    }
+
+    // Nothing reaches the channel's queue for a while.
+    bool staysEmpty(CommsChannel& channel, int holdMs = 300)
+    {
+        return !cctest::waitForQueued(channel, 1, holdMs);
+    }
+
+    void send(CommsChannel& channel, const std::string& bytes)
+    {
+        ASSERT_EQ(static_cast<int>(bytes.size()), peer.sendTo(channel.port(), bytes));
+    }
+
+    // The thread has read (not just peeked) whatever waited on the channel.
+    bool waitDrained(CommsChannel& channel)
+    {
+        return cctest::waitUntil([&channel] { return ReceiverProbe::pendingBytes(channel.socketHandle()) == 0; },
+                                 20000);
+    }
+
+    cctest::UdpSocket peer;
+};
+
+TEST_F(ReceiverThreadTest, MessageGoesToTheChannelWhoseSocketItArrivedOnWhateverItNames)
+{
+    CommsChannel first("");
+    CommsChannel second("");
+
+    send(second, cctest::dataEncoding("first", "for whoever listens"));
+
+    EXPECT_EQ("for whoever listens", take(second));
+    EXPECT_TRUE(first.isQEmpty());
+}
+
+TEST_F(ReceiverThreadTest, EveryFieldOfAMessageSurvivesTheTrip)
+{
+    CommsChannel sut("");
+    CommsChannelDataContainerMessage sent;
+    sent.setChannel("dest");
+    sent.setSourceChannel("src");
+    sent.setCallbackChannel("cb");
+    sent.setProtocol("proto");
+    sent.setInterface("if0");
+    sent.setRemoteContext("ctx");
+    sent.setRequestId(0);
+    sent.setMsgType(3);
+    sent.setData("\x00\x01\x02", 3);
+
+    send(sut, cctest::encodingOf(sent));
+
+    ASSERT_TRUE(cctest::waitForQueued(sut));
+    CommsChannelDataContainerMessage received;
+    ASSERT_EQ(1, sut.receiveMsg(received));
+    EXPECT_EQ("dest", received.channel());
+    EXPECT_EQ("src", received.sourceChannel());
+    EXPECT_EQ("cb", received.callbackChannel());
+    EXPECT_EQ("proto", received.protocol());
+    EXPECT_EQ("if0", received.interface());
+    EXPECT_EQ("ctx", received.remoteContext());
+    EXPECT_EQ(3, received.msgType());
+    EXPECT_EQ(std::string("\x00\x01\x02", 3), received.getData());
+}
+
+TEST_F(ReceiverThreadTest, DatagramShorterThanEightBytesEndsTheThreadWithTheFailureStringAndStaysUnread)
+{
+    CommsChannel* sut = new CommsChannel("");
+    CommsChannel* bystander = new CommsChannel("");
+    cctest::StderrRecorder errors;
+
+    send(*sut, std::string("abc"));
+
+    ASSERT_TRUE(ReceiverProbe::waitForThreadEnd());
+    EXPECT_TRUE(errors.waitFor(RECEIVE_FAILURE));
+    errors.restore();
+    EXPECT_EQ(3, ReceiverProbe::pendingBytes(sut->socketHandle()));
+    EXPECT_TRUE(sut->isQEmpty());
+    // With the thread gone nothing wakes it any more.
+    EXPECT_EQ(0, CommsChannelReceiver::instance()->statusUpdate(CHANNEL_ADDED));
+
+    // The process goes on, and every channel can still be destroyed.
+    EXPECT_TRUE(cctest::destroyWithin(sut));
+    EXPECT_TRUE(cctest::destroyWithin(bystander));
+    EXPECT_EQ(nullptr, ReceiverProbe::current());
+}
+
+TEST_F(ReceiverThreadTest, NewChannelsAfterAFailedThreadGetAWorkingReceiverOnceTheOldOneIsGone)
+{
+    CommsChannel* broken = new CommsChannel("");
+    {
+        cctest::StderrRecorder errors;
+        send(*broken, std::string("12345"));
+        ASSERT_TRUE(ReceiverProbe::waitForThreadEnd());
+        EXPECT_TRUE(errors.waitFor(RECEIVE_FAILURE));
+    }
+    ASSERT_TRUE(cctest::destroyWithin(broken));
+    ASSERT_EQ(nullptr, ReceiverProbe::current());
+
+    CommsChannel sut("");
+
+    send(sut, cctest::dataEncoding("", "back to work"));
+    EXPECT_EQ("back to work", take(sut));
+}
+
+TEST_F(ReceiverThreadTest, HeaderLengthBelowTheHeaderSizeIsUnreadable)
+{
+    CommsChannel* sut = new CommsChannel("");
+    std::string lying = cctest::dataEncoding("", "short claim");
+    wire::writeHostOrderLength(&lying[0], 4);
+    cctest::StderrRecorder errors;
+
+    send(*sut, lying);
+
+    ASSERT_TRUE(ReceiverProbe::waitForThreadEnd());
+    EXPECT_TRUE(errors.waitFor(RECEIVE_FAILURE));
+    errors.restore();
+    EXPECT_TRUE(sut->isQEmpty());
+    EXPECT_TRUE(cctest::destroyWithin(sut));
+}
+
+TEST_F(ReceiverThreadTest, HeaderLengthSmallerThanTheDatagramReadsOnlyThatManyBytes)
+{
+    CommsChannel sut("");
+
+    send(sut, cctest::dataEncoding("", "first") + "TRAILING GARBAGE");
+    send(sut, cctest::dataEncoding("", "second"));
+
+    EXPECT_EQ("first", take(sut));
+    EXPECT_EQ("second", take(sut));
+    EXPECT_TRUE(staysEmpty(sut));
+    EXPECT_EQ(0, ReceiverProbe::pendingBytes(sut.socketHandle()));
+}
+
+TEST_F(ReceiverThreadTest, HeaderLengthLargerThanTheDatagramJoinsTheFollowingDatagrams)
+{
+    CommsChannel sut("");
+    const std::string data = dataOf(1000);
+    const std::string encoding = cctest::dataEncoding("", data);
+
+    send(sut, encoding.substr(0, 300));
+    ASSERT_TRUE(waitDrained(sut));
+    EXPECT_TRUE(staysEmpty(sut));
+    send(sut, encoding.substr(300, 400));
+    ASSERT_TRUE(waitDrained(sut));
+    EXPECT_TRUE(staysEmpty(sut));
+    send(sut, encoding.substr(700));
+
+    EXPECT_EQ(data, take(sut));
+    EXPECT_TRUE(staysEmpty(sut));
+}
+
+TEST_F(ReceiverThreadTest, EncodingSplitByTheSenderIntoDatagramsOf60000BytesIsJoined)
+{
+    CommsChannel sender("");
+    CommsChannel sut("");
+    CommsChannelDataContainerMessage message;
+    const std::string data = dataOf(59750, 'A');
+    message.setData(data.data(), static_cast<int>(data.size()));
+    message.setProtocol(std::string(30000, 'p'));
+    message.setRemoteContext(std::string(30251, 'r'));
+    CCInterProcDispatcher dispatcher(sut.port());
+
+    ASSERT_EQ(1, dispatcher.sendMsg(&sender, message));
+
+    ASSERT_TRUE(cctest::waitForQueued(sut));
+    CommsChannelDataContainerMessage received;
+    ASSERT_EQ(1, sut.receiveMsg(received));
+    EXPECT_EQ(data, received.getData());
+    EXPECT_EQ(message.protocol(), received.protocol());
+    EXPECT_EQ(message.remoteContext(), received.remoteContext());
+}
+
+TEST_F(ReceiverThreadTest, UnfinishedEncodingHoldsUpOtherChannelsUntilItsChannelIsDestroyed)
+{
+    CommsChannel* stalled = new CommsChannel("");
+    CommsChannel other("");
+    const std::string encoding = cctest::dataEncoding("", dataOf(1000));
+    send(*stalled, encoding.substr(0, 300));
+    ASSERT_TRUE(waitDrained(*stalled));
+    const std::string waiting = cctest::dataEncoding("", "waits its turn");
+
+    send(other, waiting);
+
+    EXPECT_TRUE(staysEmpty(other));
+    EXPECT_EQ(static_cast<int>(waiting.size()), ReceiverProbe::pendingBytes(other.socketHandle()));
+
+    // The partial encoding is abandoned for the channel being removed.
+    EXPECT_TRUE(cctest::destroyWithin(stalled));
+    EXPECT_EQ("waits its turn", take(other));
+}
+
+TEST_F(ReceiverThreadTest, StatusUpdateAndChannelMessageReadyTogetherTheStatusIsHandledFirst)
+{
+    cctest::GateInterceptor holdFirst;
+    cctest::GateInterceptor holdSecond;
+    CommsChannel first("", &holdFirst);
+    CommsChannel second("", &holdSecond);
+    // Hold the thread inside a pass, so that both datagrams below are
+    // waiting when it next calls select.
+    send(first, cctest::dataEncoding("", "one"));
+    ASSERT_TRUE(holdFirst.waitEntered(1));
+    send(second, cctest::dataEncoding("", "two"));
+    ASSERT_EQ(1, CommsChannelReceiver::instance()->statusUpdate(CHANNEL_ADDED));
+    ASSERT_EQ(4, ReceiverProbe::pendingBytes(ReceiverProbe::statusSocket()));
+
+    holdFirst.open();
+
+    // The thread reads the second channel's message only after it drained
+    // the status update.
+    ASSERT_TRUE(holdSecond.waitEntered(1));
+    EXPECT_EQ(0, ReceiverProbe::pendingBytes(ReceiverProbe::statusSocket()));
+    holdSecond.open();
+    EXPECT_EQ("one", take(first));
+    EXPECT_EQ("two", take(second));
+}
+
+TEST_F(ReceiverThreadTest, StatusUpdateFindingTheListEmptyStopsTheThread)
+{
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+    ASSERT_EQ(0, sut->numReceiveChannels());
+    ASSERT_FALSE(ReceiverProbe::stopRequested());
+
+    ASSERT_EQ(1, sut->statusUpdate(CHANNEL_ADDED));
+
+    EXPECT_TRUE(ReceiverProbe::waitForThreadEnd());
+    EXPECT_TRUE(ReceiverProbe::stopRequested());
+    EXPECT_EQ(sut, ReceiverProbe::current());
+    // A channel added later ends the stopped receiver on its way out.
+    CommsChannel* last = new CommsChannel("");
+    EXPECT_TRUE(cctest::destroyWithin(last));
+    EXPECT_EQ(nullptr, ReceiverProbe::current());
+}
+
+TEST_F(ReceiverThreadTest, ForeignDatagramsOnTheStatusPortAreDrainedHarmlessly)
+{
+    CommsChannel sut("");
+    const int statusPort = ntohs(static_cast<uint16_t>(ReceiverProbe::statusPort()));
+
+    peer.sendTo(statusPort, "abc", 3);
+    peer.sendTo(statusPort, std::string(1000, '\xFF'));
+    peer.sendTo(statusPort, cctest::dataEncoding("", "not for the status socket"));
+    peer.sendTo(statusPort, "", 0);
+
+    EXPECT_TRUE(cctest::waitUntil(
+        [] {
+            return ReceiverProbe::pendingBytes(ReceiverProbe::statusSocket()) == 0;
+        },
+        20000));
+    send(sut, cctest::dataEncoding("", "still working"));
+    EXPECT_EQ("still working", take(sut));
+    EXPECT_GT(ReceiverProbe::statusSocket(), 0);
+}
+
+TEST_F(ReceiverThreadTest, UndecodableEncodingIsQueuedAsAnEmptyMessage)
+{
+    CommsChannel sut("");
+    std::string garbage(32, '\xEE');
+    wire::writeHostOrderLength(&garbage[0], 32);
+
+    send(sut, garbage);
+
+    ASSERT_TRUE(cctest::waitForQueued(sut));
+    CommsChannelDataContainerMessage received;
+    ASSERT_EQ(1, sut.receiveMsg(received));
+    EXPECT_EQ("", received.getData());
+    EXPECT_EQ("", received.sourceChannel());
+    send(sut, cctest::dataEncoding("", "next"));
+    EXPECT_EQ("next", take(sut));
+}
+
+TEST_F(ReceiverThreadTest, ChannelListedTwiceIsExaminedTwiceAndTheEmptySecondLookEndsTheThread)
+{
+    CommsChannel* sut = new CommsChannel("");
+    CommsChannelReceiver::instance()->addReceiveChannel(sut);
+    cctest::StderrRecorder errors;
+
+    send(*sut, cctest::dataEncoding("", "once"));
+
+    ASSERT_TRUE(ReceiverProbe::waitForThreadEnd());
+    EXPECT_TRUE(errors.waitFor(RECEIVE_FAILURE));
+    errors.restore();
+    EXPECT_EQ(1u, CommsChannelInspector::queueLengthLocked(*sut));
+    EXPECT_EQ("once", take(*sut));
+    CommsChannelReceiver::instance()->removeReceiveChannel(sut);
+    EXPECT_TRUE(cctest::destroyWithin(sut));
+}
+
+}  // namespace
