@@ -62,13 +62,6 @@ public:
         channel.m_pqueueMutex->give();
         return semaphore;
     }
-    static std::size_t queueLengthLocked(CommsChannel& channel)
-    {
-        channel.m_pqueueMutex->take(-1);
-        const std::size_t length = channel.m_preceiveQueue->size();
-        channel.m_pqueueMutex->give();
-        return length;
-    }
     static const std::vector<VireoThreadPriority>& priorities(CommsChannel& channel)
     {
         return channel.m_msgTypePriorities;
@@ -114,6 +107,14 @@ public:
         return *locator.m_premoteMap;
     }
     static std::size_t outstandingRequests(CommsChannelLocator& locator) { return locator.m_prequestMap->size(); }
+    // The same, read under the request lock while requests come and go.
+    static std::size_t outstandingRequestsLocked(CommsChannelLocator& locator)
+    {
+        locator.m_prequestLock->take(-1);
+        const std::size_t count = locator.m_prequestMap->size();
+        locator.m_prequestLock->give();
+        return count;
+    }
     static Semaphore& mapLock(CommsChannelLocator& locator) { return *locator.m_pmapLock; }
 };
 
