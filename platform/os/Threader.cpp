@@ -12,9 +12,13 @@ namespace {
 
 // Threads started by spawn and not yet released. joining marks a thread that
 // some caller is joining right now; others wait on joinDone until it is gone.
+// serial tells records of the same id apart: the system may give a joined
+// thread's id to a new thread before its joiner has removed the old record.
 struct ThreadRecord {
     bool joining = false;
+    unsigned long long serial = 0;
 };
+unsigned long long lastSerial = 0;  // guarded by registryMutex
 
 // Never destroyed: a thread may still be ending while the process exits.
 pthread_mutex_t registryMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -101,7 +105,12 @@ int Threader::spawn(unsigned long* threadIdOut, EntryFunction entry, void* argum
         return 0;
     }
     const unsigned long id = static_cast<unsigned long>(thread);
-    registry()[id] = ThreadRecord();
+    // A record already under this id belongs to a thread that has been
+    // joined (that is when an id is given out again) but whose joiner has
+    // not yet removed it: it is replaced, and its joiner leaves this one be.
+    ThreadRecord record;
+    record.serial = ++lastSerial;
+    registry()[id] = record;
     if (threadIdOut != nullptr) {
         *threadIdOut = id;
     }
@@ -119,6 +128,7 @@ void Threader::waitForThreadCompletion(unsigned long threadId)
         return;
     }
     pthread_mutex_lock(&registryMutex);
+    unsigned long long serial = 0;
     for (;;) {
         std::map<unsigned long, ThreadRecord>::iterator it = registry().find(threadId);
         if (it == registry().end()) {
@@ -128,6 +138,7 @@ void Threader::waitForThreadCompletion(unsigned long threadId)
         }
         if (!it->second.joining) {
             it->second.joining = true;
+            serial = it->second.serial;
             break;
         }
         pthread_cond_wait(&joinDone, &registryMutex);
@@ -137,7 +148,12 @@ void Threader::waitForThreadCompletion(unsigned long threadId)
     pthread_join(static_cast<pthread_t>(threadId), nullptr);
 
     pthread_mutex_lock(&registryMutex);
-    registry().erase(threadId);
+    // Only this thread's own record: between the join and this point the id
+    // may already name a newly spawned thread, whose record must stay.
+    std::map<unsigned long, ThreadRecord>::iterator it = registry().find(threadId);
+    if (it != registry().end() && it->second.serial == serial) {
+        registry().erase(it);
+    }
     pthread_cond_broadcast(&joinDone);
     pthread_mutex_unlock(&registryMutex);
 }
