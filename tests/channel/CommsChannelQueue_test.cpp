@@ -1,0 +1,516 @@
+// The receive queue: insertion by priority, the interceptor, the queue-length
+// notice in the system log, and the two consumers with their token rules.
+#include "CommsChannel.h"
+#include "ChannelTestHelpers.h"
+#include "CommsChannelDataContainerMessage.h"
+#include "CommsException.h"
+#include "Inspectors.h"
+#include "Semaphore.h"
+#include "SyslogCapture.h"
+#include "TestUtil.h"
+
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using channeltest::AsyncCall;
+using channeltest::RecordingInterceptor;
+
+class CommsChannelQueueTest : public testing::Test {
+protected:
+    CommsChannelQueueTest() : sut("") {}
+
+    int add(const std::string& data, int msgType = 0, long requestId = 0)
+    {
+        CommsChannelDataContainerMessage queued = channeltest::message(data, msgType, requestId);
+        return sut.addToMsgQ(queued);
+    }
+    // Takes the front message, failing the test instead of waiting when
+    // there is none.
+    std::string takeFront()
+    {
+        CommsChannelDataContainerMessage out;
+        try {
+            if (CommsChannelInspector::getMsgFromQ(sut, out, 0) != 1) {
+                return "<nothing>";
+            }
+        } catch (const CommsException&) {
+            return "<timed out>";
+        }
+        return out.getData();
+    }
+    std::vector<std::string> queuedData()
+    {
+        std::vector<std::string> data;
+        for (CommsChannelDataContainerMessage* queued : CommsChannelInspector::queue(sut)) {
+            data.push_back(queued->getData());
+        }
+        return data;
+    }
+    VireoThreadPriority priorityOfQueued(std::size_t index)
+    {
+        std::size_t position = 0;
+        for (CommsChannelDataContainerMessage* queued : CommsChannelInspector::queue(sut)) {
+            if (position++ == index) {
+                return queued->priority();
+            }
+        }
+        ADD_FAILURE() << "no message at " << index;
+        return VIREO_PRIORITY_LOW;
+    }
+
+    channeltest::Watchdog watchdog;
+    CommsChannel sut;
+};
+
+TEST_F(CommsChannelQueueTest, PriorityTableHoldsTheSevenFixedValues)
+{
+    const std::vector<VireoThreadPriority> expected = {
+        VIREO_PRIORITY_NORMAL, VIREO_PRIORITY_LOW,  VIREO_PRIORITY_HIGH, VIREO_PRIORITY_NORMAL,
+        VIREO_PRIORITY_LOW,    VIREO_PRIORITY_HIGH, VIREO_PRIORITY_HIGH};
+    EXPECT_EQ(expected, CommsChannelInspector::priorities(sut));
+    EXPECT_EQ(0, VIREO_PRIORITY_LOW);
+    EXPECT_EQ(1, VIREO_PRIORITY_NORMAL);
+    EXPECT_EQ(2, VIREO_PRIORITY_HIGH);
+}
+
+// Each message type and the queue priority that the table gives it.
+class QueuePriorityByTypeTest : public CommsChannelQueueTest,
+                                public testing::WithParamInterface<std::pair<int, int>> {};
+
+TEST_P(QueuePriorityByTypeTest, QueuedCopyGetsTheTablePriorityNotTheSendersOne)
+{
+    CommsChannelDataContainerMessage queued = channeltest::message("x", GetParam().first);
+    // Whatever the sender set is replaced by the table value.
+    queued.setPriority(GetParam().second == VIREO_PRIORITY_HIGH ? VIREO_PRIORITY_LOW : VIREO_PRIORITY_HIGH);
+    const VireoThreadPriority sendersPriority = queued.priority();
+
+    EXPECT_EQ(1, sut.addToMsgQ(queued));
+
+    EXPECT_EQ(GetParam().second, priorityOfQueued(0));
+    EXPECT_EQ(sendersPriority, queued.priority()) << "the caller's message must stay as it was";
+}
+
+INSTANTIATE_TEST_SUITE_P(KnownTypes, QueuePriorityByTypeTest,
+                         testing::Values(std::make_pair(0, 1), std::make_pair(1, 0), std::make_pair(2, 2),
+                                         std::make_pair(3, 1), std::make_pair(4, 0), std::make_pair(5, 2),
+                                         std::make_pair(6, 2)));
+// Types beyond the table get the lowest priority; nothing outside the table
+// is read (AddressSanitizer would see it).
+INSTANTIATE_TEST_SUITE_P(UnknownTypes, QueuePriorityByTypeTest,
+                         testing::Values(std::make_pair(7, 0), std::make_pair(100, 0), std::make_pair(-1, 0)));
+
+class UnknownTypeOrderTest : public CommsChannelQueueTest, public testing::WithParamInterface<int> {};
+
+TEST_P(UnknownTypeOrderTest, UnknownTypeQueuesLikeTheLowestPriority)
+{
+    add("low", 1);
+    add("unknown", GetParam());
+    add("normal", 0);
+    add("low again", 4);
+    EXPECT_EQ((std::vector<std::string>{"normal", "low", "unknown", "low again"}), queuedData());
+}
+
+INSTANTIATE_TEST_SUITE_P(UnknownTypes, UnknownTypeOrderTest, testing::Values(7, 100, -1));
+
+TEST_F(CommsChannelQueueTest, TypesOneZeroTwoAreReceivedAsTwoThenZeroThenOne)
+{
+    add("type 1", 1);
+    add("type 0", 0);
+    add("type 2", 2);
+    EXPECT_EQ("type 2", takeFront());
+    EXPECT_EQ("type 0", takeFront());
+    EXPECT_EQ("type 1", takeFront());
+}
+
+TEST_F(CommsChannelQueueTest, FiveOfTypeThreeThenOneOfTypeFiveReceivesTypeFiveFirstThenArrivalOrder)
+{
+    for (int i = 1; i <= 5; ++i) {
+        add("type 3 #" + std::to_string(i), 3);
+    }
+    add("type 5", 5);
+    EXPECT_EQ("type 5", takeFront());
+    for (int i = 1; i <= 5; ++i) {
+        EXPECT_EQ("type 3 #" + std::to_string(i), takeFront());
+    }
+}
+
+TEST_F(CommsChannelQueueTest, EqualPrioritiesKeepArrivalOrderAcrossTypes)
+{
+    add("type 2", 2);
+    add("type 5", 5);
+    add("type 6", 6);
+    add("type 0", 0);
+    add("type 3", 3);
+    add("type 1", 1);
+    add("type 4", 4);
+    EXPECT_EQ((std::vector<std::string>{"type 2", "type 5", "type 6", "type 0", "type 3", "type 1", "type 4"}),
+              queuedData());
+}
+
+TEST_F(CommsChannelQueueTest, AddQueuesAHeapCopyAndGivesOneTokenToTheQueue)
+{
+    CommsChannelDataContainerMessage original = channeltest::message("payload", 2, 0);
+    original.setInterface("eth0");
+
+    EXPECT_EQ(1, sut.addToMsgQ(original));
+
+    ASSERT_EQ(1u, CommsChannelInspector::queueLength(sut));
+    CommsChannelDataContainerMessage* copy = CommsChannelInspector::queue(sut).front();
+    EXPECT_NE(&original, copy);
+    EXPECT_EQ("payload", copy->getData());
+    EXPECT_EQ("eth0", copy->interface());
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
+    EXPECT_FALSE(sut.isQEmpty());
+}
+
+TEST_F(CommsChannelQueueTest, ReceivedMessageIsTheQueuedOneAndLeavesTheQueue)
+{
+    add("only");
+    CommsChannelDataContainerMessage out;
+    ASSERT_EQ(1, CommsChannelInspector::getMsgFromQ(sut, out, -1));
+    EXPECT_EQ("only", out.getData());
+    EXPECT_TRUE(sut.isQEmpty());
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
+}
+
+TEST_F(CommsChannelQueueTest, RequestIdZeroGivesItsTokenToTheQueueDespiteTheZeroEntry)
+{
+    add("no request", 0, 0);
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+}
+
+// --- the queue-length notice -------------------------------------------
+
+class CommsChannelQueueWarningTest : public CommsChannelQueueTest {
+protected:
+    void SetUp() override { ASSERT_TRUE(syslog.ok()) << syslog.errorText(); }
+
+    void addWithInterface(const std::string& interfaceName)
+    {
+        CommsChannelDataContainerMessage queued = channeltest::message("m");
+        queued.setInterface(interfaceName);
+        sut.addToMsgQ(queued);
+    }
+    std::string expectedNotice(const std::string& interfaceName)
+    {
+        return "CommsChannel :: Warning m_preceiveQueue->size() = 50 at interface " + interfaceName +
+               " in process " + std::to_string(getpid()) + " with parent process = " + std::to_string(getppid()) +
+               " \n";
+    }
+    std::vector<std::string> notices() { return syslog.recordsContaining("CommsChannel :: Warning"); }
+    // Every notice is exactly the expected text as a LOG_USER | LOG_NOTICE
+    // record ("<13>" then the C library's time stamp and tag).
+    void expectNotices(std::size_t count, const std::string& interfaceName)
+    {
+        const std::vector<std::string> written = notices();
+        ASSERT_EQ(count, written.size());
+        const std::string text = expectedNotice(interfaceName);
+        for (const std::string& record : written) {
+            EXPECT_EQ(0u, record.compare(0, 4, "<13>")) << record;
+            ASSERT_GE(record.size(), text.size() + 2) << record;
+            EXPECT_EQ(": " + text, record.substr(record.size() - text.size() - 2)) << record;
+        }
+    }
+
+    cctest::SyslogCapture syslog;
+};
+
+TEST_F(CommsChannelQueueWarningTest, ReachingFiftyWritesTheNoticeOnceAndFiftyOneWritesNothing)
+{
+    for (int i = 0; i < 49; ++i) {
+        addWithInterface("eth0");
+    }
+    expectNotices(0, "eth0");
+    addWithInterface("eth0");
+    expectNotices(1, "eth0");
+    addWithInterface("eth0");
+    expectNotices(1, "eth0");
+    EXPECT_EQ(51u, CommsChannelInspector::queueLength(sut));
+}
+
+TEST_F(CommsChannelQueueWarningTest, NoticeComesAgainAfterTheQueueFellBelowFiftyAndReachedItAnew)
+{
+    for (int i = 0; i < 51; ++i) {
+        addWithInterface("eth0");
+    }
+    expectNotices(1, "eth0");
+    EXPECT_NE("<timed out>", takeFront());
+    EXPECT_NE("<timed out>", takeFront());
+    expectNotices(1, "eth0");
+    addWithInterface("eth0");
+    expectNotices(2, "eth0");
+    addWithInterface("eth0");
+    expectNotices(2, "eth0");
+}
+
+TEST_F(CommsChannelQueueWarningTest, NoticeNamesTheInterfaceOfTheCallersMessageNotOfTheCopy)
+{
+    RecordingInterceptor interceptor;
+    interceptor.rewriteInterface();
+    CommsChannel intercepted("", &interceptor);
+    for (int i = 0; i < 50; ++i) {
+        CommsChannelDataContainerMessage queued = channeltest::message("m");
+        queued.setInterface("wlan1");
+        intercepted.addToMsgQ(queued);
+    }
+    ASSERT_EQ("rewritten", CommsChannelInspector::queue(intercepted).back()->interface());
+    expectNotices(1, "wlan1");
+}
+
+TEST_F(CommsChannelQueueWarningTest, DroppedMessagesDoNotCountTowardsFifty)
+{
+    RecordingInterceptor interceptor;
+    CommsChannel intercepted("", &interceptor);
+    for (int i = 0; i < 49; ++i) {
+        CommsChannelDataContainerMessage queued = channeltest::message("keep");
+        intercepted.addToMsgQ(queued);
+    }
+    CommsChannelDataContainerMessage dropped = channeltest::message("drop");
+    intercepted.addToMsgQ(dropped);
+    expectNotices(0, "");
+    CommsChannelDataContainerMessage fiftieth = channeltest::message("keep");
+    intercepted.addToMsgQ(fiftieth);
+    expectNotices(1, "");
+}
+
+// --- the interceptor ----------------------------------------------------
+
+class CommsChannelInterceptorTest : public testing::Test {
+protected:
+    CommsChannelInterceptorTest() : sut("", &interceptor) {}
+    int add(const std::string& data, int msgType = 0, long requestId = 0)
+    {
+        CommsChannelDataContainerMessage queued = channeltest::message(data, msgType, requestId);
+        return sut.addToMsgQ(queued);
+    }
+
+    channeltest::Watchdog watchdog;
+    RecordingInterceptor interceptor;
+    CommsChannel sut;
+};
+
+TEST_F(CommsChannelInterceptorTest, InterceptorSeesTheCopyAlreadyCarryingItsTablePriority)
+{
+    CommsChannelDataContainerMessage original = channeltest::message("keep", 2);
+    sut.addToMsgQ(original);
+    ASSERT_EQ(1u, interceptor.seen().size());
+    EXPECT_NE(&original, interceptor.seen().front());
+    EXPECT_EQ(CommsChannelInspector::queue(sut).front(), interceptor.seen().front());
+    EXPECT_EQ(VIREO_PRIORITY_HIGH, interceptor.seenPriorities().front());
+}
+
+TEST_F(CommsChannelInterceptorTest, MessageTheInterceptorKeepsIsQueued)
+{
+    EXPECT_EQ(1, add("keep"));
+    EXPECT_EQ(1u, CommsChannelInspector::queueLength(sut));
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+}
+
+TEST_F(CommsChannelInterceptorTest, DroppedMessageIsNotQueuedButAddReturnsOneAndStillGivesItsToken)
+{
+    EXPECT_EQ(1, add("drop me"));
+    EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
+    EXPECT_EQ(std::vector<std::string>{"drop me"}, interceptor.seenData());
+}
+
+TEST_F(CommsChannelInterceptorTest, DroppedMessageWakesABlockedReceiverWhichReturnsZero)
+{
+    CommsChannelDataContainerMessage out;
+    out.setData("untouched", 9);
+    AsyncCall receive([&] { return CommsChannelInspector::getMsgFromQ(sut, out, -1); });
+    ASSERT_TRUE(receive.stillBlocked());
+
+    add("drop me");
+
+    ASSERT_TRUE(receive.finishedWithin());
+    EXPECT_EQ(0, receive.result());
+    EXPECT_EQ("untouched", out.getData());
+}
+
+TEST_F(CommsChannelInterceptorTest, DroppedMessageGivesItsTokenToTheWaiterRegisteredForItsId)
+{
+    Semaphore idSemaphore(0, 1, false);
+    CommsChannelInspector::registerRequestId(sut, 7, &idSemaphore);
+    EXPECT_EQ(1, add("drop me", 0, 7));
+    CommsChannelInspector::unregisterRequestId(sut, 7);
+    EXPECT_EQ(1, idSemaphore.count());
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
+}
+
+TEST_F(CommsChannelInterceptorTest, DroppedMessageWakesItsByIdWaiterWhichScansAndWaitsAgain)
+{
+    CommsChannelDataContainerMessage out;
+    AsyncCall receive([&] { return sut.receiveMsg_ByID_Timed(out, 7, -1); });
+    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::requestIdSemaphoreLocked(sut, 7) != nullptr; },
+                                  channeltest::DEADLINE_MS));
+
+    add("drop me", 0, 7);
+    ASSERT_TRUE(receive.stillBlocked());
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+
+    add("the answer", 0, 7);
+    ASSERT_TRUE(receive.finishedWithin());
+    EXPECT_EQ(1, receive.result());
+    EXPECT_EQ("the answer", out.getData());
+}
+
+// --- the consumers ------------------------------------------------------
+
+TEST_F(CommsChannelQueueTest, TimedReceiveOnEmptyQueueThrowsWithTheTimeOutText)
+{
+    CommsChannelDataContainerMessage out;
+    try {
+        CommsChannelInspector::getMsgFromQ(sut, out, 200);
+        FAIL() << "no exception";
+    } catch (const CommsException& e) {
+        EXPECT_STREQ("CommsChannel 'receive' timed out, timeout duration = 200", e.what());
+    }
+    EXPECT_TRUE(sut.isQEmpty());
+}
+
+TEST_F(CommsChannelQueueTest, AfterShutdownGetMsgFromQReturnsZeroAlthoughMessagesAreQueued)
+{
+    add("first");
+    add("second");
+    sut.shutdown();
+    CommsChannelDataContainerMessage out;
+    out.setData("untouched", 9);
+    EXPECT_EQ(0, CommsChannelInspector::getMsgFromQ(sut, out, 0));
+    EXPECT_EQ(0, CommsChannelInspector::getMsgFromQ(sut, out, -1));
+    EXPECT_EQ("untouched", out.getData());
+    EXPECT_EQ((std::vector<std::string>{"first", "second"}), queuedData());
+}
+
+TEST_F(CommsChannelQueueTest, ShutdownTokenIsNotGivenBackByTheReceiveThatTookIt)
+{
+    sut.shutdown();
+    CommsChannelDataContainerMessage out;
+    EXPECT_EQ(0, CommsChannelInspector::getMsgFromQ(sut, out, 0));
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_THROW(CommsChannelInspector::getMsgFromQ(sut, out, 50), CommsException);
+}
+
+TEST_F(CommsChannelQueueTest, PlainReceiveTakesTheFrontWhateverItsRequestId)
+{
+    add("answer to 7", 0, 7);
+    add("plain");
+    EXPECT_EQ("answer to 7", takeFront());
+    EXPECT_EQ("plain", takeFront());
+}
+
+TEST_F(CommsChannelQueueTest, ByIdReceiveOfAQueuedMessageReturnsAtOnceLeavingTheOthersInOrder)
+{
+    add("a");
+    add("for 7", 0, 7);
+    add("b");
+    add("c", 0, 9);
+    ASSERT_EQ(4, CommsChannelInspector::queueSemaphoreCount(sut));
+
+    CommsChannelDataContainerMessage out;
+    AsyncCall receive([&] { return sut.receiveMsg_ByID_Timed(out, 7, 5000); });
+    ASSERT_TRUE(receive.finishedWithin());
+
+    EXPECT_EQ(1, receive.result());
+    EXPECT_EQ("for 7", out.getData());
+    EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), queuedData());
+    // The message arrived before the id was registered, so its token stood
+    // on the queue: the receive took it from there.
+    EXPECT_EQ(3, CommsChannelInspector::queueSemaphoreCount(sut));
+}
+
+TEST_F(CommsChannelQueueTest, ByIdReceiveTakesTheTokenFromItsOwnSemaphoreWhenTheMessageCameAfterRegistration)
+{
+    Semaphore idSemaphore(0, 1, false);
+    CommsChannelInspector::registerRequestId(sut, 7, &idSemaphore);
+    add("for 7", 0, 7);
+    add("plain");
+    ASSERT_EQ(1, idSemaphore.count());
+    ASSERT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+
+    CommsChannelDataContainerMessage out;
+    EXPECT_EQ(1, CommsChannelInspector::getMsgFromQ_ByID(sut, out, 7, &idSemaphore, 5000));
+    CommsChannelInspector::unregisterRequestId(sut, 7);
+
+    EXPECT_EQ("for 7", out.getData());
+    EXPECT_EQ(0, idSemaphore.count());
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ(std::vector<std::string>{"plain"}, queuedData());
+}
+
+TEST_F(CommsChannelQueueTest, TwoMessagesForOneWaitingIdLeaveOneTokenOnItsBinarySemaphore)
+{
+    Semaphore idSemaphore(0, 1, false);
+    CommsChannelInspector::registerRequestId(sut, 7, &idSemaphore);
+    add("first for 7", 0, 7);
+    add("second for 7", 0, 7);
+    EXPECT_EQ(1, idSemaphore.count());
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+    CommsChannelInspector::unregisterRequestId(sut, 7);
+}
+
+TEST_F(CommsChannelQueueTest, ByIdWaiterIsNotWokenByOtherIdsWhichAPlainReceiveTakes)
+{
+    CommsChannelDataContainerMessage out;
+    AsyncCall receive([&] { return sut.receiveMsg_ByID_Timed(out, 7, -1); });
+    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::requestIdSemaphoreLocked(sut, 7) != nullptr; },
+                                  channeltest::DEADLINE_MS));
+    Semaphore* idSemaphore = CommsChannelInspector::requestIdSemaphoreLocked(sut, 7);
+
+    add("for 3", 0, 3);
+    add("plain");
+    EXPECT_TRUE(receive.stillBlocked());
+    EXPECT_EQ(0, idSemaphore->count());
+    EXPECT_EQ(2, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ("for 3", takeFront());
+    EXPECT_EQ("plain", takeFront());
+
+    add("for 7", 0, 7);
+    ASSERT_TRUE(receive.finishedWithin());
+    EXPECT_EQ(1, receive.result());
+    EXPECT_EQ("for 7", out.getData());
+    EXPECT_TRUE(sut.isQEmpty());
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+}
+
+TEST_F(CommsChannelQueueTest, ByIdReceiveTakesTheFirstOfTwoMessagesWithItsId)
+{
+    add("first for 7", 1, 7);
+    add("second for 7", 2, 7);
+    CommsChannelDataContainerMessage out;
+    AsyncCall receive([&] { return sut.receiveMsg_ByID_Timed(out, 7, 5000); });
+    ASSERT_TRUE(receive.finishedWithin());
+    // The higher-priority one stands first in the queue.
+    EXPECT_EQ("second for 7", out.getData());
+    EXPECT_EQ(std::vector<std::string>{"first for 7"}, queuedData());
+}
+
+TEST_F(CommsChannelQueueTest, ByIdWaitThatExpiresThrowsTheTimeOutText)
+{
+    Semaphore idSemaphore(0, 1, false);
+    CommsChannelInspector::registerRequestId(sut, 7, &idSemaphore);
+    add("plain");
+    CommsChannelDataContainerMessage out;
+    try {
+        CommsChannelInspector::getMsgFromQ_ByID(sut, out, 7, &idSemaphore, 150);
+        FAIL() << "no exception";
+    } catch (const CommsException& e) {
+        EXPECT_STREQ("CommsChannel 'receive' timed out, timeout duration = 150", e.what());
+    }
+    // The consumer leaves the registration to its caller.
+    EXPECT_TRUE(CommsChannelInspector::hasRequestIdEntry(sut, 7));
+    CommsChannelInspector::unregisterRequestId(sut, 7);
+    EXPECT_EQ(std::vector<std::string>{"plain"}, queuedData());
+}
+
+}  // namespace
