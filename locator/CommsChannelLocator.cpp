@@ -151,7 +151,9 @@ void* receiveLocatorUpdateMessage(void* /*unused*/)
         }
         delete message;
     }
-    close(socketFd);
+    // The socket is closed by the destructor once this thread has ended:
+    // the thread may see the shutdown before the destructor has sent its
+    // last datagrams from it.
     int expected = socketFd;
     __atomic_compare_exchange_n(&locatorSocket, &expected, 0, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
     return nullptr;
@@ -255,6 +257,11 @@ CommsChannelLocator::~CommsChannelLocator()
     __atomic_store_n(&theInstance, static_cast<CommsChannelLocator*>(nullptr), __ATOMIC_RELEASE);
     Threader threader;
     threader.waitForThreadCompletion(threadId);
+    // Only now: the unregistration and the wake-up above went out through
+    // this socket, and the thread no longer waits on it.
+    if (m_socket > 0) {
+        close(m_socket);
+    }
 }
 
 int CommsChannelLocator::createResolverConnection()

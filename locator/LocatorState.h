@@ -26,7 +26,8 @@ bool requestShutdown();
 // Reads shutdownRequested under the lock.
 bool isShutdownRequested();
 
-// The locator thread's copy of the socket; 0 once the thread has closed it.
+// The locator thread's copy of the socket; 0 once the thread has ended. The
+// destructor closes the socket after joining the thread.
 extern int locatorSocket;
 extern unsigned long locatorThreadId;
 
