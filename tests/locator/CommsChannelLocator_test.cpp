@@ -9,6 +9,7 @@
 #include "CommsChannelRegisterLocatorMessage.h"
 #include "FakeResolver.h"
 #include "LocatorProbe.h"
+#include "StderrRecorder.h"
 #include "TestUtil.h"
 #include "WireCodec.h"
 
@@ -324,6 +325,34 @@ TEST_F(CommsChannelLocatorTest, DestructionUnregistersTheLocatorAfterItsChannels
     ASSERT_EQ(COMMS_MSG_LOCATOR_UPDATE, removal.type);
     ASSERT_EQ(1u, removal.rows.size());
     EXPECT_EQ(std::make_tuple(1, std::string("anchor"), channelPort), removal.rows[0]);
+}
+
+TEST_F(CommsChannelLocatorTest, LocatorEndingRightAfterItStartedStillUnregistersFromItsOwnSocket)
+{
+    FakeResolver fakeResolver(false, false);
+    ASSERT_TRUE(fakeResolver.ok());
+    const int rounds = 50;
+    cctest::StderrRecorder errors;
+
+    // The locator thread may not have run at all before the destructor
+    // starts; the destructor's datagrams must still leave.
+    for (int round = 0; round < rounds; ++round) {
+        delete new CommsChannel("brief");
+    }
+
+    ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_UNREGISTER_LOCATOR, rounds, 20000));
+    errors.restore();
+    EXPECT_EQ("", errors.text());
+    const std::vector<FakeResolver::Received> registrations =
+        fakeResolver.receivedOfType(COMMS_MSG_REGISTER_LOCATOR);
+    const std::vector<FakeResolver::Received> unregistrations =
+        fakeResolver.receivedOfType(COMMS_MSG_UNREGISTER_LOCATOR);
+    ASSERT_EQ(static_cast<std::size_t>(rounds), registrations.size());
+    ASSERT_EQ(static_cast<std::size_t>(rounds), unregistrations.size());
+    for (int round = 0; round < rounds; ++round) {
+        EXPECT_EQ(registrations[round].sourcePort, unregistrations[round].sourcePort) << round;
+        EXPECT_EQ(registrations[round].port, unregistrations[round].port) << round;
+    }
 }
 
 TEST_F(CommsChannelLocatorTest, DestroyedLocatorHasClosedItsSocket)

@@ -1,7 +1,6 @@
 // Looks at the receiver's module state under its list lock, and small tools
 // for the receiver tests: a gate that holds the receiver thread inside a
-// channel's queue, a diversion of status updates to a test socket, a
-// recorder of standard error that can be read while it records, and a
+// channel's queue, a diversion of status updates to a test socket, and a
 // channel destruction with a deadline. Header only.
 #ifndef COMMSCHANNEL_RECEIVER_PROBE_H
 #define COMMSCHANNEL_RECEIVER_PROBE_H
@@ -14,6 +13,7 @@
 #include "Inspectors.h"
 #include "ReceiverState.h"
 #include "Semaphore.h"
+#include "StderrRecorder.h"
 #include "TestUtil.h"
 
 #include <arpa/inet.h>
@@ -136,59 +136,6 @@ private:
     std::condition_variable m_changed;
     bool m_open = false;
     int m_entered = 0;
-};
-
-// Sends standard error to a private file that can be read while recording.
-class StderrRecorder {
-public:
-    StderrRecorder()
-    {
-        std::fflush(stderr);
-        char path[] = "/tmp/cc-stderr-XXXXXX";
-        m_file = mkstemp(path);
-        unlink(path);
-        m_saved = dup(2);
-        dup2(m_file, 2);
-    }
-    ~StderrRecorder()
-    {
-        restore();
-        close(m_file);
-    }
-    StderrRecorder(const StderrRecorder&) = delete;
-    StderrRecorder& operator=(const StderrRecorder&) = delete;
-
-    std::string text() const
-    {
-        std::string content;
-        char buffer[4096];
-        off_t offset = 0;
-        for (;;) {
-            const ssize_t n = pread(m_file, buffer, sizeof buffer, offset);
-            if (n <= 0) {
-                return content;
-            }
-            content.append(buffer, static_cast<std::size_t>(n));
-            offset += n;
-        }
-    }
-    bool waitFor(const std::string& needle, int timeoutMs = 20000) const
-    {
-        return waitUntil([this, &needle] { return text().find(needle) != std::string::npos; }, timeoutMs);
-    }
-    void restore()
-    {
-        if (m_saved >= 0) {
-            std::fflush(stderr);
-            dup2(m_saved, 2);
-            close(m_saved);
-            m_saved = -1;
-        }
-    }
-
-private:
-    int m_file;
-    int m_saved;
 };
 
 // Deletes the channel on a thread of its own. False when that did not end
