@@ -89,7 +89,8 @@ private:
     void removeOwnedBy(int ownerPort, std::vector<UpdateRow>* removed);
     // The rows as updates, addressed to every registered locator.
     std::vector<Outgoing> toAllLocators(const std::vector<UpdateRow>& rows) const;
-    void dropped(const char* reason, std::size_t length, int sourcePort);
+    // Logs a datagram that was not handled, at most once a second.
+    void dropped(const std::string& reason, std::size_t length, int sourcePort);
 
     ResolverTable m_table;
     bool m_changed;

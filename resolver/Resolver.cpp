@@ -1,0 +1,296 @@
+#include "Resolver.h"
+
+#include "CommsChannelLocatorUpdateMessage.h"
+#include "CommsChannelMessage.h"
+#include "CommsChannelMessageCreator.h"
+#include "CommsChannelPortRequestMessage.h"
+#include "CommsChannelPortResponseMessage.h"
+#include "CommsChannelRegisterLocatorMessage.h"
+#include "ResolverLog.h"
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+namespace resolver {
+
+namespace {
+
+const int ADDED = CommsChannelLocatorUpdateMessage::CHANNEL_ADDED;
+const int REMOVED = CommsChannelLocatorUpdateMessage::CHANNEL_REMOVED;
+const int HIGHEST_PORT = 65535;
+const long long DROPPED_LOG_INTERVAL_MS = 1000;
+
+// Every encoding starts with the 8-byte header that CommsChannelMessage.h
+// describes: magic, version, type code (byte 3) and the encoding's total
+// length as a 32-bit integer in host order (bytes 4 to 7). The message
+// classes check all of it; the resolver reads the type and the length only
+// to refuse, before any decoding, a datagram that is not exactly one
+// encoding of a type it handles.
+const std::size_t HEADER_SIZE = 8;
+const std::size_t TYPE_OFFSET = 3;
+const std::size_t LENGTH_OFFSET = 4;
+const std::size_t MAX_DATAGRAM_BYTES = 65535;
+
+// Why a datagram cannot be one whole encoding, or null when it can.
+const char* framingProblem(const char* bytes, std::size_t length)
+{
+    if (length > MAX_DATAGRAM_BYTES) {
+        return "longer than any datagram";
+    }
+    if (bytes == nullptr || length < HEADER_SIZE) {
+        return "shorter than a message header";
+    }
+    std::uint32_t declared = 0;
+    std::memcpy(&declared, bytes + LENGTH_OFFSET, sizeof declared);
+    if (declared > length) {
+        return "truncated message";
+    }
+    if (declared < length) {
+        return "bytes after the end of the message";
+    }
+    return nullptr;
+}
+
+bool handledType(int type)
+{
+    return type == COMMS_MSG_REGISTER_LOCATOR || type == COMMS_MSG_UNREGISTER_LOCATOR ||
+           type == COMMS_MSG_LOCATOR_UPDATE || type == COMMS_MSG_PORT_REQUEST;
+}
+
+Outgoing outgoing(int port, const Encoding& bytes) { return Outgoing{port, bytes}; }
+
+std::vector<UpdateRow> allChannelsAsAdded(const ResolverTable& table)
+{
+    std::vector<UpdateRow> rows;
+    const ResolverTable::ChannelMap& channels = table.channels();
+    for (ResolverTable::ChannelMap::const_iterator it = channels.begin(); it != channels.end(); ++it) {
+        rows.push_back(UpdateRow{ADDED, it->first, it->second.port});
+    }
+    return rows;
+}
+
+}  // namespace
+
+Resolver::Resolver(MillisecondClock clock)
+    : m_changed(false), m_clock(clock), m_droppedLog(DROPPED_LOG_INTERVAL_MS)
+{
+}
+
+bool Resolver::takeChanged()
+{
+    const bool changed = m_changed;
+    m_changed = false;
+    return changed;
+}
+
+std::vector<Outgoing> Resolver::handleDatagram(const char* bytes, std::size_t length, int sourcePort)
+{
+    const char* problem = framingProblem(bytes, length);
+    if (problem != nullptr) {
+        dropped(problem, length, sourcePort);
+        return std::vector<Outgoing>();
+    }
+    const int type = static_cast<unsigned char>(bytes[TYPE_OFFSET]);
+    if (!handledType(type)) {
+        dropped("message type " + std::to_string(type) + " is not for the resolver", length, sourcePort);
+        return std::vector<Outgoing>();
+    }
+    CommsChannelMessageCreator creator;
+    std::unique_ptr<CommsChannelMessage> message(
+        creator.decodeMessage(bytes, static_cast<unsigned int>(length)));
+    if (!message) {
+        dropped("malformed message of type " + std::to_string(type), length, sourcePort);
+        return std::vector<Outgoing>();
+    }
+    switch (message->type()) {
+    case COMMS_MSG_REGISTER_LOCATOR:
+        return handleRegister(sourcePort, static_cast<CommsChannelRegisterLocatorMessage&>(*message).port());
+    case COMMS_MSG_UNREGISTER_LOCATOR:
+        return handleUnregister(sourcePort);
+    case COMMS_MSG_LOCATOR_UPDATE:
+        return handleUpdate(static_cast<CommsChannelLocatorUpdateMessage&>(*message), sourcePort);
+    case COMMS_MSG_PORT_REQUEST:
+        return handlePortRequest(static_cast<CommsChannelPortRequestMessage&>(*message), sourcePort);
+    default:
+        dropped("message type " + std::to_string(type) + " is not for the resolver", length, sourcePort);
+        return std::vector<Outgoing>();
+    }
+}
+
+std::vector<Outgoing> Resolver::handleRegister(int sourcePort, int announcedPort)
+{
+    // Updates go where the registration came from: that is the locator's
+    // socket, and the port whose liveness we watch. A differing port in the
+    // message would be a foreign client's mistake, not an address to trust.
+    if (m_table.addLocator(sourcePort)) {
+        m_changed = true;
+    }
+    const std::vector<Encoding> updates = encodeUpdates(allChannelsAsAdded(m_table));
+    log::write(log::LEVEL_INFO, "locator %d registered; sent %zu channel(s) in %zu update(s)", sourcePort,
+               m_table.channels().size(), updates.size());
+    if (announcedPort != sourcePort) {
+        log::write(log::LEVEL_INFO, "locator %d announced port %d; answering the source port", sourcePort,
+                   announcedPort);
+    }
+    std::vector<Outgoing> replies;
+    for (std::vector<Encoding>::const_iterator it = updates.begin(); it != updates.end(); ++it) {
+        replies.push_back(outgoing(sourcePort, *it));
+    }
+    return replies;
+}
+
+std::vector<Outgoing> Resolver::handleUnregister(int sourcePort)
+{
+    if (m_table.removeLocator(sourcePort)) {
+        m_changed = true;
+    }
+    std::vector<UpdateRow> removed;
+    removeOwnedBy(sourcePort, &removed);
+    log::write(log::LEVEL_INFO, "locator %d unregistered; withdrew %zu channel(s)", sourcePort, removed.size());
+    return toAllLocators(removed);
+}
+
+std::vector<Outgoing> Resolver::handleUpdate(const CommsChannelLocatorUpdateMessage& update, int sourcePort)
+{
+    std::vector<UpdateRow> applied;
+    for (int index = 0; index < update.numChannelEntries(); ++index) {
+        CommsChannelLocatorUpdateMessage::eUpdateType type = CommsChannelLocatorUpdateMessage::CHANNEL_ADDED;
+        std::string name;
+        int port = 0;
+        update.getChannelEntry(index, &type, &name, &port);
+        // Every table row must fit an update of its own, or it could never
+        // be passed on; the library never registers an empty name.
+        if (name.empty() || !rowFits(name)) {
+            log::write(log::LEVEL_INFO, "locator %d: ignored a row with a name of %zu bytes", sourcePort,
+                       name.size());
+            continue;
+        }
+        if (type == ADDED) {
+            if (port < 1 || port > HIGHEST_PORT) {
+                log::write(log::LEVEL_INFO, "locator %d: ignored %s at invalid port %d", sourcePort,
+                           log::quoted(name).c_str(), port);
+                continue;
+            }
+            if (m_table.addChannel(name, port, sourcePort)) {
+                m_changed = true;
+            }
+            log::write(log::LEVEL_INFO, "locator %d: added %s at port %d", sourcePort, log::quoted(name).c_str(),
+                       port);
+            applied.push_back(UpdateRow{ADDED, name, port});
+            continue;
+        }
+        const ChannelRecord* record = m_table.find(name);
+        if (record == nullptr) {
+            log::write(log::LEVEL_INFO, "locator %d: ignored removal of unknown %s", sourcePort,
+                       log::quoted(name).c_str());
+            continue;
+        }
+        if (record->ownerPort != sourcePort) {
+            // A later registration of the name by another process replaced
+            // this one's; its late removal must not withdraw the new owner's.
+            log::write(log::LEVEL_INFO, "locator %d: ignored removal of %s, which locator %d owns", sourcePort,
+                       log::quoted(name).c_str(), record->ownerPort);
+            continue;
+        }
+        applied.push_back(UpdateRow{REMOVED, name, record->port});
+        m_table.removeChannel(name);
+        m_changed = true;
+        log::write(log::LEVEL_INFO, "locator %d: removed %s", sourcePort, log::quoted(name).c_str());
+    }
+    return toAllLocators(applied);
+}
+
+std::vector<Outgoing> Resolver::handlePortRequest(CommsChannelPortRequestMessage& request, int sourcePort)
+{
+    const int port = m_table.portOf(request.channel());
+    log::write(log::LEVEL_INFO, "port request %ld from %d for %s: port %d", request.requestId(), sourcePort,
+               log::quoted(request.channel()).c_str(), port);
+    CommsChannelPortResponseMessage response;
+    response.setChannel(request.channel());
+    response.setRequestId(request.requestId());
+    response.setPort(port);
+    int length = 0;
+    const char* bytes = response.encode(&length);
+    std::vector<Outgoing> replies;
+    if (bytes != nullptr && length > 0) {
+        replies.push_back(Outgoing{sourcePort, Encoding(bytes, bytes + length)});
+    }
+    return replies;
+}
+
+std::vector<Outgoing> Resolver::withdrawDead(const std::set<int>& boundPorts)
+{
+    std::vector<UpdateRow> removed;
+    const std::set<int> locators = m_table.locators();
+    for (std::set<int>::const_iterator it = locators.begin(); it != locators.end(); ++it) {
+        if (boundPorts.count(*it) == 0) {
+            m_table.removeLocator(*it);
+            m_changed = true;
+            log::write(log::LEVEL_INFO, "locator %d is gone", *it);
+            removeOwnedBy(*it, &removed);
+        }
+    }
+    const ResolverTable::ChannelMap channels = m_table.channels();
+    for (ResolverTable::ChannelMap::const_iterator it = channels.begin(); it != channels.end(); ++it) {
+        if (boundPorts.count(it->second.port) == 0) {
+            log::write(log::LEVEL_INFO, "%s at port %d is gone", log::quoted(it->first).c_str(), it->second.port);
+            removed.push_back(UpdateRow{REMOVED, it->first, it->second.port});
+            m_table.removeChannel(it->first);
+            m_changed = true;
+        }
+    }
+    return toAllLocators(removed);
+}
+
+std::vector<Outgoing> Resolver::restore(const ResolverTable& saved, const std::set<int>& boundPorts)
+{
+    m_table = saved;
+    m_changed = true;
+    return withdrawDead(boundPorts);
+}
+
+void Resolver::removeOwnedBy(int ownerPort, std::vector<UpdateRow>* removed)
+{
+    const std::vector<std::string> names = m_table.channelsOwnedBy(ownerPort);
+    for (std::vector<std::string>::const_iterator it = names.begin(); it != names.end(); ++it) {
+        removed->push_back(UpdateRow{REMOVED, *it, m_table.portOf(*it)});
+        m_table.removeChannel(*it);
+        m_changed = true;
+        log::write(log::LEVEL_INFO, "withdrew %s of locator %d", log::quoted(*it).c_str(), ownerPort);
+    }
+}
+
+std::vector<Outgoing> Resolver::toAllLocators(const std::vector<UpdateRow>& rows) const
+{
+    std::vector<Outgoing> sends;
+    if (rows.empty()) {
+        return sends;
+    }
+    const std::vector<Encoding> updates = encodeUpdates(rows);
+    const std::set<int>& locators = m_table.locators();
+    for (std::set<int>::const_iterator port = locators.begin(); port != locators.end(); ++port) {
+        for (std::vector<Encoding>::const_iterator it = updates.begin(); it != updates.end(); ++it) {
+            sends.push_back(outgoing(*port, *it));
+        }
+    }
+    return sends;
+}
+
+void Resolver::dropped(const std::string& reason, std::size_t length, int sourcePort)
+{
+    unsigned long suppressed = 0;
+    if (!m_droppedLog.allow(m_clock(), &suppressed)) {
+        return;
+    }
+    if (suppressed == 0) {
+        log::write(log::LEVEL_WARNING, "dropped a datagram of %zu bytes from port %d: %s", length, sourcePort,
+                   reason.c_str());
+    } else {
+        log::write(log::LEVEL_WARNING,
+                   "dropped a datagram of %zu bytes from port %d: %s (and %lu more since the last report)", length,
+                   sourcePort, reason.c_str(), suppressed);
+    }
+}
+
+}  // namespace resolver

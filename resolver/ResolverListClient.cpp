@@ -1,0 +1,155 @@
+// The socket side of --list: register, collect, unregister.
+#include "ResolverList.h"
+
+#include "CommsChannelRegisterLocatorMessage.h"
+#include "CommsChannelUnregisterLocatorMessage.h"
+#include "ResolverClock.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace resolver {
+
+namespace {
+
+const std::size_t RECEIVE_BUFFER_BYTES = 65536;
+
+sockaddr_in loopbackAddress(int port)
+{
+    sockaddr_in address;
+    std::memset(&address, 0, sizeof address);
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    return address;
+}
+
+// A socket bound to 127.0.0.1 on a port the kernel chooses, closed when the
+// object goes.
+class ClientSocket {
+public:
+    ClientSocket() : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), m_port(0)
+    {
+        sockaddr_in address = loopbackAddress(0);
+        socklen_t length = sizeof address;
+        if (m_fd >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+            getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+            m_port = ntohs(address.sin_port);
+        }
+    }
+    ~ClientSocket()
+    {
+        if (m_fd >= 0) {
+            close(m_fd);
+        }
+    }
+    ClientSocket(const ClientSocket&) = delete;
+    ClientSocket& operator=(const ClientSocket&) = delete;
+
+    bool ok() const { return m_port != 0; }
+    int port() const { return m_port; }
+
+    bool send(int port, CommsChannelMessage& message)
+    {
+        int length = 0;
+        const char* bytes = message.encode(&length);
+        const sockaddr_in destination = loopbackAddress(port);
+        return bytes != nullptr && length > 0 &&
+               sendto(m_fd, bytes, static_cast<std::size_t>(length), 0,
+                      reinterpret_cast<const sockaddr*>(&destination), sizeof destination) == length;
+    }
+
+    // Waits until deadlineMs for a datagram from fromPort. Returns its
+    // length, or -1 at the deadline. Datagrams from other ports are dropped.
+    long receiveFrom(int fromPort, long long deadlineMs, std::vector<char>* buffer)
+    {
+        for (;;) {
+            const long long wait = deadlineMs - monotonicMilliseconds();
+            if (wait <= 0) {
+                return -1;
+            }
+            pollfd descriptor;
+            descriptor.fd = m_fd;
+            descriptor.events = POLLIN;
+            descriptor.revents = 0;
+            if (poll(&descriptor, 1, static_cast<int>(wait)) <= 0) {
+                continue;
+            }
+            sockaddr_in source;
+            socklen_t sourceLength = sizeof source;
+            const ssize_t received = recvfrom(m_fd, buffer->data(), buffer->size(), MSG_DONTWAIT,
+                                              reinterpret_cast<sockaddr*>(&source), &sourceLength);
+            if (received >= 0 && sourceLength >= sizeof source && ntohs(source.sin_port) == fromPort) {
+                return static_cast<long>(received);
+            }
+        }
+    }
+
+private:
+    int m_fd;
+    int m_port;
+};
+
+}  // namespace
+
+int runList(int resolverPort, std::FILE* out, std::FILE* err)
+{
+    ClientSocket client;
+    if (!client.ok()) {
+        std::fprintf(err, "commschannel-resolver: cannot open a UDP socket on 127.0.0.1: %s\n", std::strerror(errno));
+        return 1;
+    }
+    CommsChannelRegisterLocatorMessage registration;
+    registration.setPort(client.port());
+    client.send(resolverPort, registration);
+
+    std::vector<char> buffer(RECEIVE_BUFFER_BYTES);
+    std::map<std::string, int> channels;
+    const long long start = monotonicMilliseconds();
+    bool answered = false;
+    bool resent = false;
+    while (!answered) {
+        // UDP may lose the registration or its answer; one more try half-way.
+        const long long deadline = start + (resent ? LIST_ANSWER_TIMEOUT_MS : LIST_ANSWER_TIMEOUT_MS / 2);
+        const long length = client.receiveFrom(resolverPort, deadline, &buffer);
+        if (length >= 0) {
+            answered = applyUpdate(buffer.data(), static_cast<std::size_t>(length), &channels);
+        } else if (!resent) {
+            client.send(resolverPort, registration);
+            resent = true;
+        } else {
+            std::fprintf(err, "commschannel-resolver: no resolver answered at 127.0.0.1:%d within %d s\n",
+                         resolverPort, LIST_ANSWER_TIMEOUT_MS / 1000);
+            return 1;
+        }
+    }
+    // A large table comes in several updates, back to back; a short pause
+    // means the answer is complete. On a busy host other locators' changes
+    // may keep arriving, so the collection also has an end of its own.
+    const long long collectionEnd = monotonicMilliseconds() + LIST_COLLECT_LIMIT_MS;
+    for (;;) {
+        const long long deadline = std::min(monotonicMilliseconds() + LIST_QUIET_GAP_MS, collectionEnd);
+        const long length = client.receiveFrom(resolverPort, deadline, &buffer);
+        if (length < 0) {
+            break;
+        }
+        applyUpdate(buffer.data(), static_cast<std::size_t>(length), &channels);
+    }
+    CommsChannelUnregisterLocatorMessage unregistration;
+    unregistration.setPort(client.port());
+    client.send(resolverPort, unregistration);
+
+    const std::string listing = formatChannelList(withOwners(channels));
+    std::fputs(listing.c_str(), out);
+    std::fflush(out);
+    return 0;
+}
+
+}  // namespace resolver
