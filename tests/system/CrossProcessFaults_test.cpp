@@ -179,8 +179,9 @@ TEST_F(NoResolverTest, SendToUnknownNameWaitsUntilFirstUpdateAndThenAsksTheResol
 TEST_F(NoResolverTest, PortRequestThatNobodyAnswersWaitsUntilTheLocatorGoes)
 {
     std::unique_ptr<CommsChannel> alpha(new CommsChannel("alpha"));
+    CommsChannel* sending = alpha.get();
     std::atomic<int> result{-1};
-    std::thread sender([&] { result = alpha->sendMsg("nobody", std::string("hello?")); });
+    std::thread sender([&result, sending] { result = sending->sendMsg("nobody", std::string("hello?")); });
     EXPECT_FALSE(cctest::waitUntil([&] { return finished(result); }, 500)) << "the send did not wait";
 
     // Something now listens on the resolver's port but never answers.
