@@ -384,6 +384,26 @@ TEST(PeerKilledTest, SendersNeitherCrashNorHangAndTheResolverWithdrawsItsNames)
     EXPECT_EQ(zeros[0] + zeros[1], lines);
 }
 
+TEST(PeerKilledTest, NamesAreWithdrawnWhileAProgramStartedByTheKilledProcessRuns)
+{
+    GTEST_SKIP() << "channel, locator and status sockets are not close-on-exec: a program that a process "
+                    "starts keeps them bound after the process dies, so the resolver never sees its names go";
+    cctest::ResolverProcess resolver;
+    ASSERT_TRUE(resolver.started());
+    std::unique_ptr<cctest::ChildProcess> victim = startPeer({"elder"});
+    std::string helper;
+    victim->writeLine("SPAWN");
+    ASSERT_TRUE(victim->waitForPrefix("SPAWNED ", &helper, LINE_TIMEOUT_MS));
+    const pid_t helperPid = std::atoi(helper.c_str());
+    ASSERT_GT(helperPid, 0);
+
+    victim->sendSignal(SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, victim->wait(LINE_TIMEOUT_MS));
+    EXPECT_TRUE(cctest::waitUntil([] { return cctest::ResolverProcess::queryPort("elder", 200) == 0; },
+                                  within(2000)));
+    kill(helperPid, SIGKILL);
+}
+
 // --- Stray datagrams -------------------------------------------------------
 
 enum class Target { ChannelPort, LocatorPort, StatusPort };

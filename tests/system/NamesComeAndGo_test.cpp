@@ -160,4 +160,19 @@ TEST_F(NamesComeAndGoTest, NameMovesToAnotherProcessAndIsReachedThere)
     quit(*second);
 }
 
+TEST_F(NamesComeAndGoTest, EmptyDestinationNameIsAskedForLikeAnyOtherAndEndsUnknown)
+{
+    std::unique_ptr<cctest::ChildProcess> peer = startPeer({"bystander"});
+    CommsChannel here("here");
+    // No process can register "", so the resolver answers port 0.
+    EXPECT_EQ(0, cctest::ResolverProcess::queryPort(""));
+
+    testing::internal::CaptureStdout();
+    const int result = here.sendMsg("", std::string("to nobody"));
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(systest::nullDispatcherLine("here", "", "", "to nobody"), printed);
+    quit(*peer);
+}
+
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -299,6 +300,17 @@ CC_CHILD_MAIN(peer)
         if (command == "OPEN" && w.size() == 2) {
             CommsChannel& channel = channels.open(w[1]);
             cctest::childSay("OPENED " + w[1] + " " + std::to_string(channel.port()));
+            continue;
+        }
+        if (command == "SPAWN") {
+            // A program that outlives this process, started as an
+            // application starts a helper: fork, then exec.
+            const pid_t helper = fork();
+            if (helper == 0) {
+                execl("/bin/sleep", "sleep", "60", static_cast<char*>(nullptr));
+                _exit(127);
+            }
+            cctest::childSay("SPAWNED " + std::to_string(helper));
             continue;
         }
         if (command == "RECEIVERENDED") {

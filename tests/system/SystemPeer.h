@@ -23,6 +23,7 @@
 //   FORGET <name>            wait until the peer's locator no longer knows name
 //                            from the resolver: "FORGOTTEN <name>" or "TIMEOUT"
 //   PORTS                    "PORTS <first channel's port> <locator port> <receiver status port>"
+//   SPAWN                    start /bin/sleep 60 as a helper program: "SPAWNED <pid>"
 //   RECEIVERENDED            wait until the receiver thread has ended: "RECEIVER ENDED" or "TIMEOUT"
 //   JOINING                  wait until the receiver thread waits for the rest of
 //                            an encoding on the first channel: "JOINING" or "TIMEOUT"
