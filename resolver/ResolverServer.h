@@ -5,8 +5,9 @@
 // table in the state file.
 //
 // One thread does everything: poll() waits on the socket and on the shutdown
-// signal pipe with a time-out that ends at the next scan. Nothing blocks
-// anywhere else; sends that would block are dropped and logged.
+// signal pipe with a time-out that ends at the next scan. Apart from writing
+// the state file nothing else waits: reads stop when the socket is empty,
+// and a send that would block is dropped and logged.
 //
 // Usage (main.cpp):
 //   resolver::ResolverServer server(options);
