@@ -191,10 +191,13 @@ TEST_F(CrossProcessDeliveryTest, SixtyFourMebibytesArriveIntactAndLeaveNoSpoolFi
 {
     std::unique_ptr<cctest::ChildProcess> peer = startPeer({"sink"});
     CommsChannel source("source");
+    SpoolWatch spoolWatch;
+    ASSERT_TRUE(spoolWatch.ok());
     std::string data = systest::patternData(64U << 20, 64);
     const std::string expectedData = "data=" + std::to_string(data.size()) + "/" + systest::checksum(data);
 
     ASSERT_EQ(1, source.sendMsg("sink", &data[0], static_cast<int>(data.size())));
+    EXPECT_EQ(1U, spoolWatch.createdByThisProcess().size());
     const std::vector<std::string> lines = peerReceives(*peer, "sink", 1);
     ASSERT_EQ(1U, lines.size());
     EXPECT_NE(std::string::npos, lines[0].find(" " + expectedData)) << lines[0].substr(0, 200);
