@@ -20,6 +20,7 @@ CommsChannelReceiver* CommsChannelReceiver::theInstance = nullptr;
 namespace receiver_state {
 
 std::atomic<int> statusSocket{0};
+std::atomic<int> ownedStatusSocket{-1};
 std::vector<CommsChannel*>* receiveChannels = nullptr;
 std::atomic<bool> stopReceiver{false};
 fd_set monitorSet;
@@ -93,10 +94,18 @@ CommsChannelReceiver::~CommsChannelReceiver()
     receiveChannels = nullptr;
     channelListLock().give();
     stopReceiver = true;
+    // Taken before theInstance is cleared: a receiver created after that
+    // owns a status socket of its own.
+    const int ownStatusSocket = ownedStatusSocket.exchange(-1);
     __atomic_store_n(&theInstance, static_cast<CommsChannelReceiver*>(nullptr), __ATOMIC_RELEASE);
     statusUpdate(CHANNEL_REMOVED);
     Threader threader;
     threader.waitForThreadCompletion(receiverThreadId);
+    // The thread has ended (and cleared statusSocket); nobody sends through
+    // this descriptor any more.
+    if (ownStatusSocket > 0) {
+        close(ownStatusSocket);
+    }
 }
 
 int CommsChannelReceiver::createStatusUpdateSocketConnection()
@@ -119,6 +128,7 @@ int CommsChannelReceiver::createStatusUpdateSocketConnection()
     }
     // Kept exactly as getsockname gives it: in network byte order.
     statusPort = address.sin_port;
+    ownedStatusSocket = fd;
     return 1;
 }
 

@@ -28,6 +28,12 @@ Semaphore& instanceLock();
 Semaphore& channelListLock();
 
 extern std::atomic<int> statusSocket;        // 0: none
+// The status socket that the current receiver still has to close, -1 when
+// none. The thread clears statusSocket when it ends but never closes the
+// descriptor: the receiver's destructor closes it after joining the thread,
+// so that no application thread can send through a descriptor that has
+// been closed (or handed to another socket) meanwhile.
+extern std::atomic<int> ownedStatusSocket;
 extern std::vector<CommsChannel*>* receiveChannels;  // guarded by channelListLock
 extern std::atomic<bool> stopReceiver;
 extern fd_set monitorSet;                    // guarded by channelListLock

@@ -49,18 +49,26 @@ public:
     ListLockHolder& operator=(const ListLockHolder&) = delete;
 };
 
-// Closes the status socket when the thread ends, by pthread_exit or by an
-// escaping exception alike.
-class StatusSocketCloser {
+// Withdraws the status socket when the thread ends, by pthread_exit or by an
+// escaping exception alike: statusSocket and statusPort go to 0, so that
+// status updates are no longer sent. The descriptor itself is closed by the
+// receiver's destructor once this thread has been joined. Only this
+// thread's own socket is withdrawn, never that of a receiver created since.
+class StatusSocketWithdrawal {
 public:
-    ~StatusSocketCloser()
+    StatusSocketWithdrawal() : m_socket(statusSocket.load()) {}
+    ~StatusSocketWithdrawal()
     {
-        const int fd = statusSocket.exchange(0);
-        if (fd > 0) {
-            close(fd);
+        int expected = m_socket;
+        if (statusSocket.compare_exchange_strong(expected, 0)) {
+            statusPort = 0;
         }
-        statusPort = 0;
     }
+    StatusSocketWithdrawal(const StatusSocketWithdrawal&) = delete;
+    StatusSocketWithdrawal& operator=(const StatusSocketWithdrawal&) = delete;
+
+private:
+    const int m_socket;
 };
 
 // Waits until socket has another datagram. False when the channel of that
@@ -102,7 +110,7 @@ bool waitForNextPiece(int socket)
 
 void* runReceiverThread(void* /*unused*/)
 {
-    StatusSocketCloser closer;
+    StatusSocketWithdrawal withdrawal;
     while (!stopReceiver) {
         monitorChannels();
     }
@@ -186,7 +194,12 @@ bool receiveStatusUpdate(statusUpdateMsgId& /*id*/)
     bool result = true;
     if (recvfrom(fd, buffer, static_cast<std::size_t>(count), 0, reinterpret_cast<sockaddr*>(&source),
                  &sourceLength) == -1) {
-        close(fd);
+        // The variable keeps the old number. The descriptor is closed here
+        // only if the destructor has not taken it over for closing.
+        int owned = fd;
+        if (ownedStatusSocket.compare_exchange_strong(owned, -1)) {
+            close(fd);
+        }
         result = false;
     }
     delete[] buffer;
