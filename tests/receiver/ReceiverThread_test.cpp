@@ -12,7 +12,10 @@
 
 #include <sys/socket.h>
 
+#include <atomic>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -234,6 +237,29 @@ TEST_F(ReceiverThreadTest, UnfinishedEncodingHoldsUpOtherChannelsUntilItsChannel
     // The partial encoding is abandoned for the channel being removed.
     EXPECT_TRUE(cctest::destroyWithin(stalled));
     EXPECT_EQ("waits its turn", take(other));
+}
+
+TEST_F(ReceiverThreadTest, UnfinishedEncodingKeepsTheChannelListLockedUntilItsChannelIsDestroyed)
+{
+    CommsChannel* stalled = new CommsChannel("");
+    CommsChannel other("");
+    send(*stalled, cctest::dataEncoding("", dataOf(1000)).substr(0, 300));
+    ASSERT_TRUE(waitDrained(*stalled));
+    std::shared_ptr<std::atomic<int>> count = std::make_shared<std::atomic<int>>(-1);
+
+    std::thread counter([count] { *count = CommsChannelReceiver::instance()->numReceiveChannels(); });
+
+    EXPECT_FALSE(cctest::waitUntil([count] { return count->load() != -1; }, 300));
+    EXPECT_TRUE(cctest::destroyWithin(stalled));
+    const bool counted = cctest::waitUntil([count] { return count->load() != -1; }, 20000);
+    if (counted) {
+        counter.join();
+    } else {
+        counter.detach();  // left blocked rather than hanging the test
+    }
+    ASSERT_TRUE(counted);
+    EXPECT_GE(count->load(), 1);  // the removal may or may not have come first
+    EXPECT_EQ(std::vector<CommsChannel*>{&other}, ReceiverProbe::channels());
 }
 
 TEST_F(ReceiverThreadTest, StatusUpdateAndChannelMessageReadyTogetherTheStatusIsHandledFirst)
