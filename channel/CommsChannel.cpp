@@ -65,7 +65,9 @@ void CommsChannel::construct()
 
 int CommsChannel::createSocket()
 {
-    m_socketHandle = socket(AF_INET, SOCK_DGRAM, 0);
+    // Close-on-exec: a program this process starts must not keep the
+    // channel's port bound after the process is gone.
+    m_socketHandle = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (m_socketHandle == -1) {
         perror("Error creating socket");
         return 0;

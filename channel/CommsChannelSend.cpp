@@ -42,9 +42,14 @@ int CommsChannel::sendMsg(const std::string& destination, const std::string& dat
 
 int CommsChannel::send(CommsChannelDataContainerMessage& message)
 {
-    CommsChannelDispatcher* dispatcher = CommsChannelLocator::instance()->getDispatcher(message.channel());
+    // The dispatcher is held for the duration of the send, so that a removal
+    // of the destination relayed meanwhile cannot delete it under us.
+    CommsChannelLocator* locator = CommsChannelLocator::instance();
+    CommsChannelDispatcher* dispatcher = locator->acquireDispatcher(message.channel());
     if (dispatcher == nullptr) {
         return 0;
     }
-    return dispatcher->sendMsg(this, message);
+    const int result = dispatcher->sendMsg(this, message);
+    locator->releaseDispatcher(dispatcher);
+    return result;
 }

@@ -83,6 +83,21 @@ public:
 
 private:
     friend class CommsChannelLocatorInspector;  // white-box access for the unit tests
+    friend class CommsChannel;                  // sends through acquireDispatcher
+
+    // As getDispatcher, but the dispatcher stays valid until the caller
+    // hands it back with releaseDispatcher: entries are not deleted while a
+    // send through them is under way. Used by the channel's send path.
+    CommsChannelDispatcher* acquireDispatcher(const std::string& channelName);
+    void releaseDispatcher(CommsChannelDispatcher* dispatcher);
+    CommsChannelDispatcher* resolve(const std::string& channelName, bool hold);
+    // Counts a send that starts through an entry's dispatcher.
+    // REQUIRES: m_pmapLock is held.
+    void beginSend();
+    // Waits until no send holds a dispatcher. Holding the map lock keeps
+    // new sends from starting, so entries can then be deleted safely.
+    // REQUIRES: m_pmapLock is held.
+    void waitForSendsToDrain();
 
     static CommsChannelLocator* theInstance;
 
@@ -96,6 +111,10 @@ private:
     Semaphore* m_pmapLock;
     Semaphore* m_pinitialUpdateSem;
     Semaphore* m_prequestLock;
+    Semaphore* m_psendCountLock;  // guards m_activeSends and m_drainWaiting
+    Semaphore* m_psendsDrained;   // given when the last active send ends while a deleter waits
+    int m_activeSends;
+    bool m_drainWaiting;
 };
 
 #endif

@@ -190,6 +190,10 @@ CommsChannelLocator::CommsChannelLocator()
     m_pinitialUpdateSem = new Semaphore(0, 1, false);
     m_prequestMap = new std::map<int, Semaphore*>();
     m_prequestLock = new Semaphore(1, 1, false);
+    m_psendCountLock = new Semaphore(1, 1, false);
+    m_psendsDrained = new Semaphore(0, 1, false);
+    m_activeSends = 0;
+    m_drainWaiting = false;
 
     createResolverConnection();
     __atomic_store_n(&locatorSocket, m_socket, __ATOMIC_RELEASE);
@@ -218,6 +222,8 @@ CommsChannelLocator::~CommsChannelLocator()
     send(unregistration);
 
     m_pmapLock->take(-1);
+    // Sends already under way finish before their entries go.
+    waitForSendsToDrain();
     while (!m_plocalMap->empty()) {
         std::map<std::string, CommsChannelLocatorEntry*>::iterator first = m_plocalMap->begin();
         CommsChannelLocatorEntry* entry = first->second;
@@ -254,6 +260,8 @@ CommsChannelLocator::~CommsChannelLocator()
     delete m_pmapLock;
     delete m_pinitialUpdateSem;
     delete m_prequestLock;
+    delete m_psendCountLock;
+    delete m_psendsDrained;
     __atomic_store_n(&theInstance, static_cast<CommsChannelLocator*>(nullptr), __ATOMIC_RELEASE);
     Threader threader;
     threader.waitForThreadCompletion(threadId);
@@ -266,7 +274,7 @@ CommsChannelLocator::~CommsChannelLocator()
 
 int CommsChannelLocator::createResolverConnection()
 {
-    m_socket = socket(AF_INET, SOCK_DGRAM, 0);
+    m_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (m_socket == -1) {
         perror("CommsChannelLocator::createResolverConnection() Error creating socket");
         return 0;

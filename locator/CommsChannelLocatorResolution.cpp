@@ -14,6 +14,14 @@ using locator_state::isShutdownRequested;
 
 namespace {
 
+// One null dispatcher serves every unresolved name for the life of the
+// process; it is never deleted.
+CCNullDispatcher* sharedNullDispatcher()
+{
+    static CCNullDispatcher* const nullDispatcher = new CCNullDispatcher();
+    return nullDispatcher;
+}
+
 typedef std::map<std::string, CommsChannelLocatorEntry*> EntryMap;
 
 CommsChannelLocatorEntry* find(EntryMap* map, const std::string& name)
@@ -77,6 +85,9 @@ int CommsChannelLocator::unregisterChannel(CommsChannel* channel)
         CommsChannelLocatorEntry* entry = it->second;
         m_plocalMap->erase(it);
         sendChannelUnregistration(entry);
+        // A sender in this process may be queuing into the channel through
+        // this entry right now; the channel goes away once we return.
+        waitForSendsToDrain();
         delete entry;
         removed = 1;
     }
@@ -158,6 +169,7 @@ void CommsChannelLocator::processLocatorUpdate(CommsChannelLocatorUpdateMessage*
             if (it != m_premoteMap->end()) {
                 CommsChannelLocatorEntry* entry = it->second;
                 m_premoteMap->erase(it);
+                waitForSendsToDrain();
                 delete entry;
             }
         } else {
@@ -173,10 +185,51 @@ void CommsChannelLocator::processLocatorUpdate(CommsChannelLocatorUpdateMessage*
 
 CommsChannelDispatcher* CommsChannelLocator::getDispatcher(const std::string& channelName)
 {
-    // One null dispatcher serves every unresolved name for the life of the
-    // process; it is never deleted.
-    static CCNullDispatcher* const nullDispatcher = new CCNullDispatcher();
+    return resolve(channelName, false);
+}
 
+CommsChannelDispatcher* CommsChannelLocator::acquireDispatcher(const std::string& channelName)
+{
+    return resolve(channelName, true);
+}
+
+void CommsChannelLocator::releaseDispatcher(CommsChannelDispatcher* dispatcher)
+{
+    if (dispatcher == nullptr || dispatcher == sharedNullDispatcher()) {
+        return;
+    }
+    m_psendCountLock->take(-1);
+    --m_activeSends;
+    if (m_activeSends == 0 && m_drainWaiting) {
+        m_drainWaiting = false;
+        m_psendsDrained->give();
+    }
+    m_psendCountLock->give();
+}
+
+void CommsChannelLocator::beginSend()
+{
+    m_psendCountLock->take(-1);
+    ++m_activeSends;
+    m_psendCountLock->give();
+}
+
+void CommsChannelLocator::waitForSendsToDrain()
+{
+    for (;;) {
+        m_psendCountLock->take(-1);
+        if (m_activeSends == 0) {
+            m_psendCountLock->give();
+            return;
+        }
+        m_drainWaiting = true;
+        m_psendCountLock->give();
+        m_psendsDrained->take(-1);
+    }
+}
+
+CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelName, bool hold)
+{
     if (isShutdownRequested()) {
         return nullptr;
     }
@@ -185,25 +238,35 @@ CommsChannelDispatcher* CommsChannelLocator::getDispatcher(const std::string& ch
         // a resolver this bounds the wait. The count is not given back.
         m_pinitialUpdateSem->take(INITIAL_UPDATE_TIMEOUT);
     }
+    // The dispatcher is read under the map lock: once the lock is given, a
+    // removal may delete the entry (unless the send is counted, with hold).
+    CommsChannelDispatcher* dispatcher = nullptr;
     m_pmapLock->take(-1);
     CommsChannelLocatorEntry* entry = find(m_plocalMap, channelName);
     if (entry == nullptr) {
         entry = find(m_premoteMap, channelName);
     }
-    m_pmapLock->give();
-
-    if (entry == nullptr) {
-        if (sendChannelPortRequest(channelName) == 1) {
-            if (isShutdownRequested()) {
-                return nullptr;
-            }
-            m_pmapLock->take(-1);
-            entry = find(m_premoteMap, channelName);
-            m_pmapLock->give();
+    if (entry != nullptr) {
+        dispatcher = entry->dispatcher();
+        if (hold && dispatcher != nullptr) {
+            beginSend();
         }
     }
-    if (entry != nullptr && entry->dispatcher() != nullptr) {
-        return entry->dispatcher();
+    m_pmapLock->give();
+
+    if (entry == nullptr && sendChannelPortRequest(channelName) == 1) {
+        if (isShutdownRequested()) {
+            return nullptr;
+        }
+        m_pmapLock->take(-1);
+        entry = find(m_premoteMap, channelName);
+        if (entry != nullptr) {
+            dispatcher = entry->dispatcher();
+            if (hold && dispatcher != nullptr) {
+                beginSend();
+            }
+        }
+        m_pmapLock->give();
     }
-    return nullDispatcher;
+    return dispatcher != nullptr ? dispatcher : sharedNullDispatcher();
 }
