@@ -138,19 +138,6 @@ TEST(DemoTest, RunsToTheEndPrintsLatencyAndLeavesNothingBehind)
     const std::set<std::string> orphansBefore = orphanedSpoolFiles();
     const std::string outputPath = "/logs/demo.out";
 
-#if defined(__SANITIZE_THREAD__)
-    // The demo is built with the same sanitizer; it gets the suppressions of
-    // the library's known races that the test programs carry built in.
-    const std::string suppressions = "/logs/known-races.supp";
-    std::FILE* file = std::fopen(suppressions.c_str(), "w");
-    ASSERT_NE(nullptr, file);
-    std::fputs(systest::knownLibraryRaces(), file);
-    std::fclose(file);
-    const char* inherited = std::getenv("TSAN_OPTIONS");
-    const std::string options =
-        (inherited != nullptr ? std::string(inherited) + ":" : std::string()) + "suppressions=" + suppressions;
-    setenv("TSAN_OPTIONS", options.c_str(), 1);
-#endif
     const pid_t demo = spawnWithOutputTo({CC_DEMO_PATH, "--resolver", CC_RESOLVER_PATH, "--messages", "200",
                                           "--requests", "100"},
                                          outputPath);

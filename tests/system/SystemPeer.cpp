@@ -25,34 +25,7 @@
 #define CC_SYSTEM_TIME_SCALE 1
 #endif
 
-#if defined(__SANITIZE_THREAD__)
-// Two known data races of the library (knownLibraryRaces), reported to its
-// maintainers and silenced here only, so that every other race in these
-// multi-process runs still fails the tests (the children are this same
-// program):
-// - receiver: the ending receiver thread closes the status socket while the
-//   thread that removes the last channel still sends its wake-up to it;
-// - locator: a removal relayed by the resolver deletes an entry and its
-//   dispatcher, which a sender read after giving the map lock (getDispatcher
-//   reads the entry after the lock, the send uses the dispatcher after it).
-// Remove these lines once the library is fixed.
-#define CC_KNOWN_LIBRARY_RACES                                    \
-    "race:StatusSocketCloser\n"                                   \
-    "race:CommsChannelLocatorEntry::~CommsChannelLocatorEntry\n"  \
-    "race:CommsChannelLocatorEntry::dispatcher\n"
-
-// Called while the sanitizer starts, before anything else: not instrumented.
-extern "C" __attribute__((no_sanitize("thread"))) const char* __tsan_default_suppressions()
-{
-    return CC_KNOWN_LIBRARY_RACES;
-}
-#else
-#define CC_KNOWN_LIBRARY_RACES ""
-#endif
-
 namespace systest {
-
-const char* knownLibraryRaces() { return CC_KNOWN_LIBRARY_RACES; }
 
 int within(int ms) { return ms * CC_SYSTEM_TIME_SCALE; }
 

@@ -87,11 +87,6 @@ bool locatorKnowsRemote(const std::string& name);
 std::string nullDispatcherLine(const std::string& source, const std::string& destination,
                                const std::string& callback, const std::string& data);
 
-// ThreadSanitizer suppressions for the library's known data races (see
-// SystemPeer.cpp); programs other than the test binaries get them through
-// TSAN_OPTIONS.
-const char* knownLibraryRaces();
-
 // Splits a line into words.
 std::vector<std::string> words(const std::string& line);
 
