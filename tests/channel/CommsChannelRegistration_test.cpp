@@ -78,6 +78,19 @@ std::string receiveWithin(CommsChannel& channel, int timeoutMs)
     return out.getData();
 }
 
+// Sends to a name nobody registered; the null dispatcher's line is kept
+// off the test's output and returned in *printed.
+int sendToUnknown(CommsChannel& sender, const std::string& name, std::string* printed = nullptr)
+{
+    testing::internal::CaptureStdout();
+    const int result = sender.sendMsg(name, std::string("hello"));
+    const std::string line = testing::internal::GetCapturedStdout();
+    if (printed != nullptr) {
+        *printed = line;
+    }
+    return result;
+}
+
 class CommsChannelRegistrationTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(fakeResolver.ok()); }
@@ -164,11 +177,11 @@ TEST_F(CommsChannelRegistrationTest, DestroyingTheSecondDuplicateUnregistersTheN
     second.reset();
 
     EXPECT_EQ(nullptr, registeredChannel("duplicate"));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, sender.sendMsg("duplicate", std::string("hello")));
+    std::string printed;
+    EXPECT_EQ(0, sendToUnknown(sender, "duplicate", &printed));
     EXPECT_EQ("CCNullDispatcher::sendMsg(), src_channel=sender, dst_channel=duplicate, callback_channel=, "
               "data=hello\n",
-              testing::internal::GetCapturedStdout());
+              printed);
     EXPECT_TRUE(first.isQEmpty());
 }
 
@@ -206,10 +219,9 @@ TEST_F(CommsChannelRegistrationTest, ChannelCreatedAfterTheLastOneWentStartsANew
 
 TEST_F(CommsChannelRegistrationTest, LastNamedChannelDeletesTheLocatorAndTheNextCreatesANewOneCountingFromOne)
 {
-    testing::internal::CaptureStdout();  // the unknown names' lines
     std::unique_ptr<CommsChannel> first(new CommsChannel("first"));
-    EXPECT_EQ(0, first->sendMsg("unknown 1", std::string("x")));
-    EXPECT_EQ(0, first->sendMsg("unknown 2", std::string("x")));
+    EXPECT_EQ(0, sendToUnknown(*first, "unknown 1"));
+    EXPECT_EQ(0, sendToUnknown(*first, "unknown 2"));
     CommsChannelLocator* firstLocator = CommsChannelLocatorInspector::current();
     ASSERT_NE(nullptr, firstLocator);
     EXPECT_EQ(2, CommsChannelLocatorInspector::requestId(*firstLocator));
@@ -224,8 +236,7 @@ TEST_F(CommsChannelRegistrationTest, LastNamedChannelDeletesTheLocatorAndTheNext
     ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_REGISTER_LOCATOR, 2, channeltest::DEADLINE_MS));
     EXPECT_EQ(CommsChannelLocatorInspector::port(*secondLocator),
               fakeResolver.receivedOfType(COMMS_MSG_REGISTER_LOCATOR).back().sourcePort);
-    EXPECT_EQ(0, second.sendMsg("unknown 3", std::string("x")));
-    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(0, sendToUnknown(second, "unknown 3"));
 
     const std::vector<cctest::FakeResolver::Received> requests = fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST);
     ASSERT_EQ(3u, requests.size());
