@@ -229,6 +229,34 @@ TEST_F(CommsChannelReceiveTest, ReceiveByRequestIdWaitsWithoutLimitAndNeverTimes
     EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 21));
 }
 
+// A channel class of an application that watches its timed receives.
+class WatchedChannel : public CommsChannel {
+public:
+    WatchedChannel() : CommsChannel("") {}
+    int receiveMsg_ByID_Timed(CommsChannelDataContainerMessage& message, long requestId, int timeout) override
+    {
+        seenRequestId = requestId;
+        seenTimeout = timeout;
+        return CommsChannel::receiveMsg_ByID_Timed(message, requestId, timeout);
+    }
+    long seenRequestId = -100;
+    int seenTimeout = -100;
+};
+
+TEST(CommsChannelReceiveOverride, ReceiveByRequestIdGoesThroughTheOverridableTimedReceiveWithoutLimit)
+{
+    channeltest::Watchdog watchdog;
+    WatchedChannel sut;
+    CommsChannelDataContainerMessage answer = channeltest::message("answer", 0, 5);
+    sut.addToMsgQ(answer);
+    CommsChannelDataContainerMessage out;
+    CommsChannelIfc& asInterface = sut;
+    EXPECT_EQ(1, asInterface.receiveMsg(out, 5L));
+    EXPECT_EQ(5, sut.seenRequestId);
+    EXPECT_EQ(-1, sut.seenTimeout);
+    EXPECT_EQ("answer", out.getData());
+}
+
 TEST_F(CommsChannelReceiveTest, ReceiveByRequestIdZeroTakesAnyMessage)
 {
     add("any", 0, 4);
