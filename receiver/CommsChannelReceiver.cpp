@@ -110,7 +110,7 @@ CommsChannelReceiver::~CommsChannelReceiver()
 
 int CommsChannelReceiver::createStatusUpdateSocketConnection()
 {
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     statusSocket = fd;
     if (fd == -1) {
         return 0;
