@@ -30,15 +30,23 @@ std::map<std::string, ChildMain>& registry()
 
 const char CHILD_FLAG[] = "--cc-child=";
 
+// A descriptor of this program, opened before any test can mount over the
+// directory it lives in (spool tests put a tmpfs on /tmp, where a checkout
+// may be). Children are started through /proc/self/fd/N, which the kernel
+// and the emulator both follow. It is left open across exec on purpose.
+int selfDescriptor = -1;
+
+void openSelf()
+{
+    if (selfDescriptor < 0) {
+        selfDescriptor = open("/proc/self/exe", O_RDONLY);
+    }
+}
+
 std::string selfPath()
 {
-    char path[4096];
-    const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-    if (n <= 0) {
-        return "";
-    }
-    path[n] = '\0';
-    return path;
+    openSelf();
+    return selfDescriptor >= 0 ? "/proc/self/fd/" + std::to_string(selfDescriptor) : "/proc/self/exe";
 }
 
 // The emulator words (e.g. "qemu-mips -L /usr/mips-linux-gnu") followed by
@@ -84,6 +92,7 @@ ChildRegistrar::ChildRegistrar(const char* name, ChildMain entry) { registry()[n
 
 int runChildIfRequested(int argc, char** argv)
 {
+    openSelf();
     if (argc < 2 || std::strncmp(argv[1], CHILD_FLAG, sizeof CHILD_FLAG - 1) != 0) {
         return -1;
     }
