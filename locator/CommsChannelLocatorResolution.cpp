@@ -240,18 +240,20 @@ CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelN
     }
     // The dispatcher is read under the map lock: once the lock is given, a
     // removal may delete the entry (unless the send is counted, with hold).
-    CommsChannelDispatcher* dispatcher = nullptr;
+    // REQUIRES: m_pmapLock is held.
+    auto dispatcherOf = [this, hold](CommsChannelLocatorEntry* entry) -> CommsChannelDispatcher* {
+        CommsChannelDispatcher* dispatcher = entry != nullptr ? entry->dispatcher() : nullptr;
+        if (hold && dispatcher != nullptr) {
+            beginSend();
+        }
+        return dispatcher;
+    };
     m_pmapLock->take(-1);
     CommsChannelLocatorEntry* entry = find(m_plocalMap, channelName);
     if (entry == nullptr) {
         entry = find(m_premoteMap, channelName);
     }
-    if (entry != nullptr) {
-        dispatcher = entry->dispatcher();
-        if (hold && dispatcher != nullptr) {
-            beginSend();
-        }
-    }
+    CommsChannelDispatcher* dispatcher = dispatcherOf(entry);
     m_pmapLock->give();
 
     if (entry == nullptr && sendChannelPortRequest(channelName) == 1) {
@@ -259,13 +261,7 @@ CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelN
             return nullptr;
         }
         m_pmapLock->take(-1);
-        entry = find(m_premoteMap, channelName);
-        if (entry != nullptr) {
-            dispatcher = entry->dispatcher();
-            if (hold && dispatcher != nullptr) {
-                beginSend();
-            }
-        }
+        dispatcher = dispatcherOf(find(m_premoteMap, channelName));
         m_pmapLock->give();
     }
     return dispatcher != nullptr ? dispatcher : sharedNullDispatcher();

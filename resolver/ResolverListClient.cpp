@@ -1,6 +1,7 @@
 // The socket side of --list: register, collect, unregister.
 #include "ResolverList.h"
 
+#include "ResolverPorts.h"
 #include "CommsChannelRegisterLocatorMessage.h"
 #include "CommsChannelUnregisterLocatorMessage.h"
 #include "ResolverClock.h"
@@ -21,15 +22,6 @@ namespace {
 
 const std::size_t RECEIVE_BUFFER_BYTES = 65536;
 
-sockaddr_in loopbackAddress(int port)
-{
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return address;
-}
 
 // A socket bound to 127.0.0.1 on a port the kernel chooses, closed when the
 // object goes.

@@ -1,27 +1,12 @@
 #include "ResolverOptions.h"
 
+#include "ResolverPorts.h"
+
 #include <cstdlib>
 
 namespace resolver {
 
 const char DEFAULT_STATE_FILE[] = "/run/commschannel-resolver.state";
-
-namespace {
-
-bool parsePort(const std::string& text, int* port)
-{
-    if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos) {
-        return false;
-    }
-    const long value = std::strtol(text.c_str(), nullptr, 10);
-    if (value < 1 || value > 65535) {
-        return false;
-    }
-    *port = static_cast<int>(value);
-    return true;
-}
-
-}  // namespace
 
 bool parseResolverOptions(int argc, const char* const* argv, ResolverOptions* options, std::string* error)
 {

@@ -1,5 +1,6 @@
 #include "ResolverServer.h"
 
+#include "ResolverPorts.h"
 #include "ProcNetUdp.h"
 #include "ResolverClock.h"
 #include "ResolverLog.h"
@@ -28,15 +29,6 @@ const int RECEIVE_BATCH = 256;
 // it at net.core.rmem_max.
 const int SOCKET_BUFFER_BYTES = 1 << 20;
 
-sockaddr_in loopbackAddress(int port)
-{
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return address;
-}
 
 std::set<int> portsOf(const ResolverTable& table)
 {

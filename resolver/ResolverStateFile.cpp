@@ -1,5 +1,6 @@
 #include "ResolverStateFile.h"
 
+#include "ResolverPorts.h"
 #include "ResolverTable.h"
 
 #include <fcntl.h>
@@ -65,19 +66,6 @@ bool unescapeName(const std::string& text, std::string* name)
     return true;
 }
 
-// A decimal port in 1..65535 and nothing else.
-bool parsePort(const std::string& text, int* port)
-{
-    if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos) {
-        return false;
-    }
-    const long value = std::strtol(text.c_str(), nullptr, 10);
-    if (value < 1 || value > 65535) {
-        return false;
-    }
-    *port = static_cast<int>(value);
-    return true;
-}
 
 // Splits a line at every blank. Two blanks in a row make an empty field,
 // which no record accepts.
