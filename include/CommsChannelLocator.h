@@ -58,7 +58,9 @@ public:
     // the caller blocks until it answers. Unknown names get one shared null
     // dispatcher. Use it at once; never delete or keep it. Null only while
     // the locator shuts down. Blocks up to INITIAL_UPDATE_TIMEOUT ms on a
-    // process's first resolution if the resolver has not answered yet.
+    // process's first resolution if the resolver has not answered yet; the
+    // first update releases one such waiter only (deliberately not passed
+    // on), so concurrent first resolutions should be avoided.
     CommsChannelDispatcher* getDispatcher(const std::string& channelName);
 
     // Entries in the local map plus entries in the remote map. No lock.
