@@ -63,8 +63,32 @@ std::string mountPrivateTmp()
             return std::string("making / private: ") + std::strerror(errno);
         }
     }
+    // The build tree (this program, its libraries, the programs it starts)
+    // may itself live under /tmp: keep a handle on the host's /tmp in the
+    // private /logs and bind the build tree back after the tmpfs hides it.
+    const std::string buildDir = CC_TEST_BINARY_DIR;
+    const std::string hostTmp = "/logs/.host-tmp";
+    const bool rebind = buildDir.compare(0, 5, "/tmp/") == 0;
+    if (rebind && (mkdir(hostTmp.c_str(), 0700) != 0 && errno != EEXIST)) {
+        return "mkdir " + hostTmp + ": " + std::strerror(errno);
+    }
+    if (rebind && mount("/tmp", hostTmp.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        return "bind /tmp to " + hostTmp + ": " + std::strerror(errno);
+    }
     if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
         return std::string("mount tmpfs on /tmp: ") + std::strerror(errno);
+    }
+    if (rebind) {
+        for (std::size_t slash = buildDir.find('/', 1);; slash = buildDir.find('/', slash + 1)) {
+            mkdir(buildDir.substr(0, slash).c_str(), 0755);
+            if (slash == std::string::npos) {
+                break;
+            }
+        }
+        const std::string source = hostTmp + buildDir.substr(4);
+        if (mount(source.c_str(), buildDir.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+            return "bind the build tree back: " + std::string(std::strerror(errno));
+        }
     }
     return "";
 }
