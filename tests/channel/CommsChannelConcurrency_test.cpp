@@ -286,6 +286,12 @@ TEST_F(CommsChannelConcurrencyTest, ChannelsOfOneProcessSendingToEachOtherAtOnce
     for (int c = 0; c < CHANNELS; ++c) {
         channels.emplace_back(new CommsChannel("peer " + std::to_string(c)));
     }
+    // The resolver's first update releases only one first resolution; the
+    // senders below start together, so they wait until it has arrived.
+    ASSERT_TRUE(cctest::waitUntil([] {
+        CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
+        return locator != nullptr && CommsChannelLocatorInspector::initialUpdateReceived(*locator);
+    }));
     StartLine startLine;
     std::vector<std::thread> threads;
     std::vector<Received> received(CHANNELS);
