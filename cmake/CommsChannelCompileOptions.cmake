@@ -7,6 +7,11 @@ elseif(COMMSCHANNEL_SANITIZER STREQUAL "thread")
 elseif(NOT COMMSCHANNEL_SANITIZER STREQUAL "none")
     message(FATAL_ERROR "COMMSCHANNEL_SANITIZER must be none, address,undefined or thread")
 endif()
+# 64-bit file offsets and inode numbers on 32-bit targets too: without them
+# readdir() and stat() fail with EOVERFLOW on file systems with large inode
+# numbers, as the host's are under qemu-mips. No public interface uses off_t.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
+
 # Sanitizers apply to everything built here, GoogleTest included, so that
 # the runtime sees every access.
 if(_cc_sanitizer_flags)

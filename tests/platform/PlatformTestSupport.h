@@ -63,10 +63,20 @@ long vtableIndex(MemberFunction memberFunction)
     static_assert(sizeof(MemberFunction) == sizeof(Representation), "unexpected member pointer layout");
     Representation raw;
     std::memcpy(&raw, &memberFunction, sizeof raw);
+#if defined(__mips__) || defined(__arm__) || defined(__aarch64__)
+    // Here code addresses may be odd (MIPS16, Thumb), so the "virtual" flag
+    // is the low bit of the doubled adjustment and the pointer is the
+    // entry's plain byte offset.
+    if ((raw.adjustment & 1) == 0) {
+        return -1;
+    }
+    return static_cast<long>(raw.pointer / sizeof(void*));
+#else
     if ((raw.pointer & 1U) == 0) {
         return -1;
     }
     return static_cast<long>((raw.pointer - 1) / sizeof(void*));
+#endif
 }
 
 typedef std::vector<unsigned char> Bytes;
