@@ -250,6 +250,14 @@ TEST_F(CommsChannelRegistrationTest, LastNamedChannelDeletesTheLocatorAndTheNext
 TEST_F(CommsChannelRegistrationTest, ChannelWhoseSocketFailedIsStillRegisteredAndInstalled)
 {
     CommsChannel keeper("keeper");  // the locator and the receiver need descriptors
+    // Let the fake resolver and the locator thread finish their first round
+    // before descriptors run out: sanitizer runtimes that check a first
+    // virtual call may need a descriptor themselves.
+    ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_LOCATOR_UPDATE, 1, channeltest::DEADLINE_MS));
+    ASSERT_TRUE(cctest::waitUntil([] {
+        CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
+        return locator != nullptr && CommsChannelLocatorInspector::initialUpdateReceived(*locator);
+    }, channeltest::DEADLINE_MS));
     testing::internal::CaptureStderr();
     rlimit original;
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &original));
