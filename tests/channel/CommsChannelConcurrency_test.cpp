@@ -102,6 +102,16 @@ protected:
     CommsChannelConcurrencyTest() : watchdog(TEST_DEADLINE_MS + 30000) {}
     void SetUp() override { ASSERT_TRUE(fakeResolver.ok()); }
 
+    // The resolver's first update releases only one first resolution of the
+    // process; senders that start together wait until it has arrived.
+    static bool firstUpdateArrived()
+    {
+        return cctest::waitUntil([] {
+            CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
+            return locator != nullptr && CommsChannelLocatorInspector::initialUpdateReceived(*locator);
+        });
+    }
+
     void waitUntilRegistered(CommsChannel& channel, int requestId)
     {
         if (!cctest::waitUntil(
@@ -126,6 +136,7 @@ TEST_F(CommsChannelConcurrencyTest, ProducersAndPlainAndByIdConsumersOnOneChanne
 
     CommsChannel sut("sink");
     CommsChannel source("source");
+    ASSERT_TRUE(firstUpdateArrived());
     StartLine startLine;
     std::vector<std::string> expectedPlain;
     std::vector<std::thread> threads;
@@ -286,12 +297,7 @@ TEST_F(CommsChannelConcurrencyTest, ChannelsOfOneProcessSendingToEachOtherAtOnce
     for (int c = 0; c < CHANNELS; ++c) {
         channels.emplace_back(new CommsChannel("peer " + std::to_string(c)));
     }
-    // The resolver's first update releases only one first resolution; the
-    // senders below start together, so they wait until it has arrived.
-    ASSERT_TRUE(cctest::waitUntil([] {
-        CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
-        return locator != nullptr && CommsChannelLocatorInspector::initialUpdateReceived(*locator);
-    }));
+    ASSERT_TRUE(firstUpdateArrived());
     StartLine startLine;
     std::vector<std::thread> threads;
     std::vector<Received> received(CHANNELS);
