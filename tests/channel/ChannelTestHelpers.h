@@ -1,6 +1,7 @@
 // Helpers shared by the channel tests: building data messages in one line,
 // running a call that may block on a thread of its own, a watchdog that
-// fails a hanging test loudly, and an interceptor that records and can drop.
+// fails a hanging test loudly, an interceptor that records and can drop, and
+// a channel built while descriptors have run out.
 #ifndef COMMSCHANNEL_CHANNEL_TEST_HELPERS_H
 #define COMMSCHANNEL_CHANNEL_TEST_HELPERS_H
 
@@ -11,7 +12,10 @@
 #include "CommsException.h"
 #include "TestUtil.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -170,6 +175,28 @@ private:
     std::vector<std::string> m_seenData;
     std::vector<VireoThreadPriority> m_seenPriorities;
 };
+
+// Constructs a channel while this process may open no further descriptor,
+// so that its socket() fails. What the construction wrote to standard error
+// goes to *reported. Null when the descriptor limit could not be changed.
+inline std::unique_ptr<CommsChannel> constructWithoutDescriptors(const std::string& name, std::string* reported)
+{
+    rlimit original;
+    if (getrlimit(RLIMIT_NOFILE, &original) != 0) {
+        return nullptr;
+    }
+    rlimit exhausted = original;
+    exhausted.rlim_cur = static_cast<rlim_t>(cctest::nextFreeDescriptor());
+    testing::internal::CaptureStderr();
+    if (setrlimit(RLIMIT_NOFILE, &exhausted) != 0) {
+        *reported = testing::internal::GetCapturedStderr();
+        return nullptr;
+    }
+    std::unique_ptr<CommsChannel> channel(new CommsChannel(name));
+    const bool restored = setrlimit(RLIMIT_NOFILE, &original) == 0;
+    *reported = testing::internal::GetCapturedStderr();
+    return restored ? std::move(channel) : nullptr;
+}
 
 }  // namespace channeltest
 

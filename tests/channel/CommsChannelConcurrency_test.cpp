@@ -11,7 +11,7 @@
 #include "ChannelTestHelpers.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "FakeResolver.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "Semaphore.h"
 #include "TestUtil.h"
 

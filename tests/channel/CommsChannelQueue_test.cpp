@@ -4,7 +4,7 @@
 #include "ChannelTestHelpers.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsException.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "Semaphore.h"
 #include "SyslogCapture.h"
 #include "TestUtil.h"

@@ -6,7 +6,7 @@
 #include "CommsChannelLocator.h"
 #include "CommsChannelLocatorEntry.h"
 #include "FakeResolver.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "ReceiverState.h"
 #include "Semaphore.h"
 #include "TestUtil.h"
@@ -258,18 +258,11 @@ TEST_F(CommsChannelRegistrationTest, ChannelWhoseSocketFailedIsStillRegisteredAn
         CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
         return locator != nullptr && CommsChannelLocatorInspector::initialUpdateReceived(*locator);
     }, channeltest::DEADLINE_MS));
-    testing::internal::CaptureStderr();
-    rlimit original;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &original));
-    rlimit exhausted = original;
-    exhausted.rlim_cur = static_cast<rlim_t>(cctest::nextFreeDescriptor());
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &exhausted));
+    std::string reported;
+    std::unique_ptr<CommsChannel> sut = channeltest::constructWithoutDescriptors("broken", &reported);
 
-    std::unique_ptr<CommsChannel> sut(new CommsChannel("broken"));
-
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &original));
-    EXPECT_EQ(std::string("Error creating socket: ") + std::strerror(EMFILE) + "\n",
-              testing::internal::GetCapturedStderr());
+    ASSERT_NE(nullptr, sut);
+    EXPECT_EQ(std::string("Error creating socket: ") + std::strerror(EMFILE) + "\n", reported);
     EXPECT_EQ(-1, sut->socketHandle());
     EXPECT_EQ(sut.get(), registeredChannel("broken"));
     EXPECT_TRUE(installedInReceiver(sut.get()));

@@ -6,7 +6,7 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelMessageCreator.h"
 #include "FakeResolver.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "TestUtil.h"
 
 #include <cstdlib>

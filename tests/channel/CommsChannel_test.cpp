@@ -2,7 +2,7 @@
 #include "CommsChannel.h"
 #include "ChannelTestHelpers.h"
 #include "CommsChannelDataContainerMessage.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "ReceiverState.h"
 #include "Semaphore.h"
 #include "TestUtil.h"
@@ -352,17 +352,10 @@ TEST_F(CommsChannelTest, SocketCreationFailureIsReportedAndTheChannelIsStillBuil
 {
     // The receiver needs descriptors of its own: let another channel make it.
     CommsChannel keeper("");
-    testing::internal::CaptureStderr();
-    rlimit original;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &original));
-    rlimit exhausted = original;
-    exhausted.rlim_cur = static_cast<rlim_t>(cctest::nextFreeDescriptor());
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &exhausted));
+    std::string reported;
+    std::unique_ptr<CommsChannel> sut = channeltest::constructWithoutDescriptors("", &reported);
 
-    std::unique_ptr<CommsChannel> sut(new CommsChannel(""));
-
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &original));
-    const std::string reported = testing::internal::GetCapturedStderr();
+    ASSERT_NE(nullptr, sut);
     EXPECT_EQ(std::string("Error creating socket: ") + std::strerror(EMFILE) + "\n", reported);
     EXPECT_EQ(-1, sut->socketHandle());
     EXPECT_EQ(0, sut->port());

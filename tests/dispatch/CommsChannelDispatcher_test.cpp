@@ -11,7 +11,7 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelDispatcher.h"
 #include "CommsChannelMessageCreator.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "TestUtil.h"
 
 #include <sys/socket.h>

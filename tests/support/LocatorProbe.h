@@ -13,7 +13,7 @@
 #include "CommsChannelDispatcher.h"
 #include "CommsChannelLocator.h"
 #include "CommsChannelLocatorEntry.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "Semaphore.h"
 #include "TestUtil.h"
 

@@ -10,7 +10,7 @@
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelReceiver.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "ReceiverState.h"
 #include "Semaphore.h"
 #include "StderrRecorder.h"

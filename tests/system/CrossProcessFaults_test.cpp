@@ -10,7 +10,7 @@
 #include "CommsChannelMessageCreator.h"
 #include "CommsChannelPortRequestMessage.h"
 #include "CommsException.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "ResolverProcess.h"
 #include "SystemPeer.h"
 #include "TestUtil.h"

@@ -6,7 +6,7 @@
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsException.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "ResolverProcess.h"
 #include "SystemPeer.h"
 #include "TestUtil.h"

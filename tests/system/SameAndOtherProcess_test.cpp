@@ -6,7 +6,7 @@
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelLocator.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "ResolverProcess.h"
 #include "SystemPeer.h"
 #include "TestUtil.h"

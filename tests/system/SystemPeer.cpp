@@ -5,7 +5,7 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsException.h"
 #include "DataSpool.h"
-#include "Inspectors.h"
+#include "WhiteBoxAccess.h"
 #include "ReceiverState.h"
 #include "Semaphore.h"
 #include "TestUtil.h"
