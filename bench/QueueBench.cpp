@@ -6,6 +6,7 @@
 #include <benchmark/benchmark.h>
 
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -44,21 +45,47 @@ void QueueThenReceiveById(benchmark::State& state)
 }
 BENCHMARK(QueueThenReceiveById);
 
-// Inserting behind a queue of n messages of mixed priority walks the list.
+// One message queued behind n others of the same priority (so it lands at
+// the back) while the oldest one is taken from the front: the queue keeps
+// its length, and the cost shows how insertion scales with it.
 void InsertBehindQueue(benchmark::State& state)
 {
     CommsChannel channel("");
     for (int i = 0; i < state.range(0); ++i) {
-        CommsChannelDataContainerMessage filler = message(16, i % 7, 0);
+        CommsChannelDataContainerMessage filler = message(16, 2, 0);
         channel.addToMsgQ(filler);
     }
-    CommsChannelDataContainerMessage in = message(16, 1, 99);
+    CommsChannelDataContainerMessage in = message(16, 2, 0);
     CommsChannelDataContainerMessage out;
     for (auto _ : state) {
         channel.addToMsgQ(in);
-        channel.receiveMsg(out, 99L);
+        channel.receiveMsg(out);
     }
 }
-BENCHMARK(InsertBehindQueue)->Arg(0)->Arg(10)->Arg(49);
+BENCHMARK(InsertBehindQueue)->Arg(0)->Arg(10)->Arg(49)->Arg(1000)->Arg(10000);
+
+// One sending and one receiving thread on a channel of this process: the
+// queue's locking and wake-ups under contention.
+void SendAndReceiveOnTwoThreads(benchmark::State& state)
+{
+    CommsChannel channel("");
+    const CommsChannelDataContainerMessage in = message(64, 0, 0);
+    const int batch = 10000;
+    for (auto _ : state) {
+        std::thread producer([&channel, &in, batch] {
+            CommsChannelDataContainerMessage copy = in;
+            for (int i = 0; i < batch; ++i) {
+                channel.addToMsgQ(copy);
+            }
+        });
+        std::string data;
+        for (int i = 0; i < batch; ++i) {
+            channel.receiveMsg(data);
+        }
+        producer.join();
+    }
+    state.SetItemsProcessed(state.iterations() * batch);
+}
+BENCHMARK(SendAndReceiveOnTwoThreads)->UseRealTime();
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelLocator.h"
 #include "CommsChannelReceiver.h"
+#include "ReceiveQueueIndex.h"
 #include "Semaphore.h"
 
 #include <arpa/inet.h>
@@ -51,6 +52,7 @@ void CommsChannel::construct()
     m_pqueueSemaphore = new Semaphore(0, -1, false);
     m_pqueueMutex = new Semaphore(1, 1, false);
     m_preceiveQueue = new std::list<CommsChannelDataContainerMessage*>();
+    m_pqueueIndex = new ReceiveQueueIndex();
     m_prequestIdSemaphores = new std::map<int, Semaphore*>();
     m_prequestIdSemaphores->insert(std::make_pair(0, static_cast<Semaphore*>(nullptr)));
     m_msgTypePriorities.assign(MSG_TYPE_PRIORITIES,
@@ -114,6 +116,7 @@ CommsChannel::~CommsChannel()
     delete m_pqueueSemaphore;
     delete m_pqueueMutex;
     delete m_preceiveQueue;
+    delete m_pqueueIndex;
     delete m_prequestIdSemaphores;
 }
 

@@ -5,12 +5,14 @@
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsException.h"
+#include "ReceiveQueueIndex.h"
 #include "Semaphore.h"
 
 #include <syslog.h>
 #include <unistd.h>
 
 #include <memory>
+#include <utility>
 
 namespace {
 
@@ -29,7 +31,19 @@ CommsException timeoutException(int timeout)
 
 int CommsChannel::addToMsgQ(CommsChannelDataContainerMessage& message)
 {
-    CommsChannelDataContainerMessage* copy = new CommsChannelDataContainerMessage(message);
+    return enqueue(new CommsChannelDataContainerMessage(message), message.interface());
+}
+
+int CommsChannel::queueMessage(CommsChannelDataContainerMessage* message)
+{
+    // The warning names the interface the message arrived with, even if the
+    // interceptor changes the queued message.
+    const std::string interfaceName = message->interface();
+    return enqueue(message, interfaceName);
+}
+
+int CommsChannel::enqueue(CommsChannelDataContainerMessage* copy, const std::string& interfaceName)
+{
     // Types outside the table get the lowest priority instead of reading
     // past its end.
     const int msgType = copy->msgType();
@@ -62,11 +76,10 @@ int CommsChannel::addToMsgQ(CommsChannelDataContainerMessage& message)
         // nothing new and returns 0 or scans again.
         delete copy;
     } else {
-        std::list<CommsChannelDataContainerMessage*>::iterator position = m_preceiveQueue->begin();
-        while (position != m_preceiveQueue->end() && (*position)->priority() >= priority) {
-            ++position;
-        }
-        m_preceiveQueue->insert(position, copy);
+        // Behind every message of the same or a higher priority.
+        const std::list<CommsChannelDataContainerMessage*>::iterator position =
+            m_preceiveQueue->insert(m_pqueueIndex->insertPosition(*m_preceiveQueue, priority), copy);
+        m_pqueueIndex->inserted(position, priority);
 
         // Written once on reaching the mark, not again while the queue stays
         // above it.
@@ -75,7 +88,7 @@ int CommsChannel::addToMsgQ(CommsChannelDataContainerMessage& message)
             syslog(LOG_NOTICE,
                    "CommsChannel :: Warning m_preceiveQueue->size() = %d at interface %s in process %d "
                    "with parent process = %d \n",
-                   length, message.interface().c_str(), static_cast<int>(getpid()),
+                   length, interfaceName.c_str(), static_cast<int>(getpid()),
                    static_cast<int>(getppid()));
         }
     }
@@ -84,6 +97,18 @@ int CommsChannel::addToMsgQ(CommsChannelDataContainerMessage& message)
     }
     m_pqueueMutex->give();
     return 1;
+}
+
+void CommsChannel::takeOut(std::list<CommsChannelDataContainerMessage*>::iterator position,
+                           CommsChannelDataContainerMessage& out)
+{
+    CommsChannelDataContainerMessage* message = *position;
+    m_pqueueIndex->erasing(*m_preceiveQueue, position);
+    m_preceiveQueue->erase(position);
+    // The queued message is deleted right after, so its contents can move
+    // into the caller's message instead of being copied.
+    out = std::move(*message);
+    delete message;
 }
 
 int CommsChannel::getMsgFromQ(CommsChannelDataContainerMessage& out, int timeout)
@@ -103,10 +128,7 @@ int CommsChannel::getMsgFromQ(CommsChannelDataContainerMessage& out, int timeout
         m_pqueueMutex->give();
         return 0;
     }
-    CommsChannelDataContainerMessage* front = m_preceiveQueue->front();
-    m_preceiveQueue->pop_front();
-    out = *front;
-    delete front;
+    takeOut(m_preceiveQueue->begin(), out);
     m_pqueueMutex->give();
     return 1;
 }
@@ -122,9 +144,7 @@ int CommsChannel::getMsgFromQ_ByID(CommsChannelDataContainerMessage& out, long r
             ++match;
         }
         if (match != m_preceiveQueue->end()) {
-            out = **match;
-            delete *match;
-            m_preceiveQueue->erase(match);
+            takeOut(match, out);
             m_pqueueMutex->give();
             break;
         }

@@ -34,6 +34,7 @@
 
 class CCInterceptorDispatcher;
 class CommsChannelDataContainerMessage;
+class ReceiveQueueIndex;
 class Semaphore;
 
 class CommsChannel : public CommsChannelIfc {
@@ -70,6 +71,11 @@ public:
     // receiver. Logs a notice when the queue reaches 50 messages. Returns 1.
     // Called by senders in this process and by the receiver thread.
     int addToMsgQ(CommsChannelDataContainerMessage& message);
+    // As addToMsgQ, but queues message itself instead of a copy: the channel
+    // takes ownership of it (a heap object) whatever happens to it. Used by
+    // the receiver thread, whose freshly decoded message has no other use, so
+    // that a large message is never held twice.
+    int queueMessage(CommsChannelDataContainerMessage* message);
 
     // Appends a dump of the channel and every queued message to
     // "/logs/CommsChannel.log-<pid>". Reads the queue without its lock: for
@@ -92,6 +98,14 @@ private:
 
     int send(CommsChannelDataContainerMessage& message);
 
+    // The common part of addToMsgQ and queueMessage: copy is the queue's own
+    // heap message; interfaceName names the interface in the queue warning.
+    int enqueue(CommsChannelDataContainerMessage* copy, const std::string& interfaceName);
+    // Unlinks the element at position and moves its message into out.
+    // REQUIRES: m_pqueueMutex is held.
+    void takeOut(std::list<CommsChannelDataContainerMessage*>::iterator position,
+                 CommsChannelDataContainerMessage& out);
+
     // Takes the front message. 1: moved into out; 0: shut down, or nothing
     // there after a wake-up. Throws: CommsException when timeout expires.
     int getMsgFromQ(CommsChannelDataContainerMessage& out, int timeout);
@@ -113,6 +127,7 @@ private:
     Semaphore* m_pqueueSemaphore;
     Semaphore* m_pqueueMutex;
     std::map<int, Semaphore*>* m_prequestIdSemaphores;  // guarded by m_pqueueMutex
+    ReceiveQueueIndex* m_pqueueIndex;                   // guarded by m_pqueueMutex; owned
 };
 
 #endif

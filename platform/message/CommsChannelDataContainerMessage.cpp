@@ -4,6 +4,7 @@
 #include "WireCodec.h"
 
 #include <climits>
+#include <utility>
 
 namespace {
 // How the data travels inside the encoding.
@@ -38,7 +39,47 @@ CommsChannelDataContainerMessage& CommsChannelDataContainerMessage::operator=(
     return *this;
 }
 
+CommsChannelDataContainerMessage::CommsChannelDataContainerMessage(CommsChannelDataContainerMessage&& other)
+    : CommsChannelMessage(std::move(other)), m_dataFileHandedOut(false)
+{
+    moveFields(other);
+}
+
+CommsChannelDataContainerMessage& CommsChannelDataContainerMessage::operator=(
+    CommsChannelDataContainerMessage&& other)
+{
+    if (this != &other) {
+        dropDataFile();
+        CommsChannelMessage::operator=(std::move(other));
+        moveFields(other);
+    }
+    return *this;
+}
+
 CommsChannelDataContainerMessage::~CommsChannelDataContainerMessage() { dropDataFile(); }
+
+void CommsChannelDataContainerMessage::moveFields(CommsChannelDataContainerMessage& other)
+{
+    m_sourceChannel.swap(other.m_sourceChannel);
+    m_callbackChannel.swap(other.m_callbackChannel);
+    m_protocol.swap(other.m_protocol);
+    m_interface.swap(other.m_interface);
+    m_remoteContext.swap(other.m_remoteContext);
+    m_requestId = other.m_requestId;
+    m_msgType = other.m_msgType;
+    m_priority = other.m_priority;
+    m_data.swap(other.m_data);
+    // Whatever this message held before now sits in other; clear it there,
+    // with the source's own spool file, which stays the source's to remove.
+    other.dropDataFile();
+    other.m_sourceChannel.clear();
+    other.m_callbackChannel.clear();
+    other.m_protocol.clear();
+    other.m_interface.clear();
+    other.m_remoteContext.clear();
+    other.m_data.clear();
+    other.m_data.shrink_to_fit();
+}
 
 void CommsChannelDataContainerMessage::copyFields(const CommsChannelDataContainerMessage& other)
 {

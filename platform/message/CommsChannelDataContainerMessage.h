@@ -25,6 +25,12 @@ public:
     // large data, a new file is made for it.
     CommsChannelDataContainerMessage(const CommsChannelDataContainerMessage& other);
     CommsChannelDataContainerMessage& operator=(const CommsChannelDataContainerMessage& other);
+    // Moves hand the fields and the data over without copying the bytes;
+    // like a copy, the target gets no spool file, and the source is left
+    // empty and without one. Large messages travel through the library's
+    // queue this way, so that they are never held twice.
+    CommsChannelDataContainerMessage(CommsChannelDataContainerMessage&& other);
+    CommsChannelDataContainerMessage& operator=(CommsChannelDataContainerMessage&& other);
     // Removes a spool file that was made but never encoded.
     ~CommsChannelDataContainerMessage() override;
 
@@ -69,6 +75,7 @@ protected:
 
 private:
     void copyFields(const CommsChannelDataContainerMessage& other);
+    void moveFields(CommsChannelDataContainerMessage& other);
     void dropDataFile();
 
     std::string m_sourceChannel;

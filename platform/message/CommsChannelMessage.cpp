@@ -3,6 +3,7 @@
 #include "WireCodec.h"
 
 #include <limits>
+#include <utility>
 
 CommsChannelMessage::CommsChannelMessage(int typeCode) : m_type(typeCode) {}
 
@@ -16,6 +17,20 @@ CommsChannelMessage& CommsChannelMessage::operator=(const CommsChannelMessage& o
     if (this != &other) {
         m_type = other.m_type;
         m_channel = other.m_channel;
+    }
+    return *this;
+}
+
+CommsChannelMessage::CommsChannelMessage(CommsChannelMessage&& other) noexcept
+    : m_type(other.m_type), m_channel(std::move(other.m_channel))
+{
+}
+
+CommsChannelMessage& CommsChannelMessage::operator=(CommsChannelMessage&& other) noexcept
+{
+    if (this != &other) {
+        m_type = other.m_type;
+        m_channel = std::move(other.m_channel);
     }
     return *this;
 }

@@ -61,6 +61,9 @@ protected:
     // Copies carry the type and channel, never another message's encoding.
     CommsChannelMessage(const CommsChannelMessage& other);
     CommsChannelMessage& operator=(const CommsChannelMessage& other);
+    // Moves take the channel name over in the same way, without copying it.
+    CommsChannelMessage(CommsChannelMessage&& other) noexcept;
+    CommsChannelMessage& operator=(CommsChannelMessage&& other) noexcept;
 
     // Appends the fields after the channel name.
     virtual void encodeBody(wire::Writer& writer) = 0;

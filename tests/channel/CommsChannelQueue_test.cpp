@@ -514,3 +514,163 @@ TEST_F(CommsChannelQueueTest, ByIdWaitThatExpiresThrowsTheTimeOutText)
 }
 
 }  // namespace
+
+// --- the queue at length -------------------------------------------------
+
+// The expected order of a queue: by non-increasing table priority, arrival
+// order within one priority.
+std::vector<std::string> expectedOrder(const std::vector<std::pair<std::string, int>>& added)
+{
+    std::vector<std::string> order;
+    for (int band = VIREO_PRIORITY_HIGH; band >= VIREO_PRIORITY_LOW; --band) {
+        for (const std::pair<std::string, int>& message : added) {
+            const int type = message.second;
+            const int priority = type == 2 || type == 5 || type == 6 ? 2 : type == 0 || type == 3 ? 1 : 0;
+            if (priority == band) {
+                order.push_back(message.first);
+            }
+        }
+    }
+    return order;
+}
+
+TEST_F(CommsChannelQueueTest, TenThousandMessagesOfMixedTypesComeOutByPriorityThenArrival)
+{
+    std::vector<std::pair<std::string, int>> added;
+    unsigned int state = 12345;
+    for (int i = 0; i < 10000; ++i) {
+        state = state * 1103515245u + 12345u;
+        // Types 0 to 8: the seven of the table and two unknown ones.
+        const int type = static_cast<int>((state >> 16) % 9);
+        added.emplace_back(std::to_string(i), type);
+        ASSERT_EQ(1, add(std::to_string(i), type));
+    }
+    const std::vector<std::string> expected = expectedOrder(added);
+    EXPECT_EQ(expected, queuedData());
+    std::vector<std::string> received;
+    for (int i = 0; i < 10000; ++i) {
+        received.push_back(takeFront());
+    }
+    EXPECT_EQ(expected, received);
+    EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
+}
+
+TEST_F(CommsChannelQueueTest, OrderHoldsWhileMessagesAreTakenFromTheFrontAndTheMiddle)
+{
+    // Interleaves additions with plain receives and by-id receives that
+    // take messages out of the middle of a priority band, and checks the
+    // queue against the ordering rule after every step.
+    std::vector<std::pair<std::string, int>> model;
+    unsigned int state = 99;
+    for (int step = 0; step < 800; ++step) {
+        state = state * 1103515245u + 12345u;
+        const unsigned int choice = (state >> 16) % 10;
+        if (choice < 6 || model.empty()) {
+            const int type = static_cast<int>((state >> 8) % 8);
+            const std::string data = "m" + std::to_string(step);
+            model.emplace_back(data, type);
+            add(data, type, step + 1);
+        } else if (choice < 8) {
+            const std::string front = expectedOrder(model).front();
+            EXPECT_EQ(front, takeFront());
+            for (std::size_t i = 0; i < model.size(); ++i) {
+                if (model[i].first == front) {
+                    model.erase(model.begin() + static_cast<long>(i));
+                    break;
+                }
+            }
+        } else {
+            const std::size_t index = (state >> 4) % model.size();
+            const std::string data = model[index].first;
+            const long requestId = std::stol(data.substr(1)) + 1;
+            Semaphore idSemaphore(0, 1, false);
+            CommsChannelDataContainerMessage out;
+            CommsChannelInspector::registerRequestId(sut, static_cast<int>(requestId), &idSemaphore);
+            EXPECT_EQ(1, CommsChannelInspector::getMsgFromQ_ByID(sut, out, requestId, &idSemaphore, 0));
+            CommsChannelInspector::unregisterRequestId(sut, static_cast<int>(requestId));
+            EXPECT_EQ(data, out.getData());
+            model.erase(model.begin() + static_cast<long>(index));
+        }
+        ASSERT_EQ(expectedOrder(model), queuedData()) << "after step " << step;
+    }
+}
+
+// An interceptor that raises the priority of every message it sees after
+// the queue has chosen its place.
+class ReprioritisingInterceptor : public CCInterceptorDispatcher {
+public:
+    int intercept(CCInterceptorContext* context) override
+    {
+        CommsChannelDataContainerMessage* seen = context->getParams();
+        if (seen != nullptr && seen->getData() == "raise") {
+            seen->setPriority(VIREO_PRIORITY_HIGH);
+        }
+        return 1;
+    }
+};
+
+TEST(CommsChannelQueueReprioritisedTest, MessageReprioritisedByTheInterceptorKeepsTheWalkingOrder)
+{
+    channeltest::Watchdog watchdog;
+    ReprioritisingInterceptor interceptor;
+    CommsChannel sut("", &interceptor);
+    const char* sequence[][2] = {{"n1", "0"}, {"raise", "1"}, {"n2", "0"}, {"h1", "2"}, {"l1", "1"}, {"n3", "3"}};
+    for (const auto& entry : sequence) {
+        CommsChannelDataContainerMessage queued = channeltest::message(entry[0], std::atoi(entry[1]));
+        sut.addToMsgQ(queued);
+    }
+    // "raise" is placed as a low-priority message (at the back) but carries
+    // priority 2 in the queue. Every later newcomer still goes before the
+    // first message whose priority is lower than its own, walking from the
+    // front: n2 and n3 behind "raise" (2 is not lower than 1), h1 before n1,
+    // and n3 before l1.
+    std::vector<std::string> data;
+    for (CommsChannelDataContainerMessage* queued : CommsChannelInspector::queue(sut)) {
+        data.push_back(queued->getData());
+    }
+    EXPECT_EQ((std::vector<std::string>{"h1", "n1", "raise", "n2", "n3", "l1"}), data);
+}
+
+TEST_F(CommsChannelQueueTest, ReceivedLargeMessageCarriesItsWholeDataAndEveryField)
+{
+    std::string large(3 * 1024 * 1024, '\0');
+    for (std::size_t i = 0; i < large.size(); ++i) {
+        large[i] = static_cast<char>(i * 7 + i / 4096);
+    }
+    CommsChannelDataContainerMessage queued = channeltest::message(large, 3, 0);
+    queued.setSourceChannel("source");
+    queued.setCallbackChannel("callback");
+    queued.setProtocol("protocol");
+    queued.setInterface("interface");
+    queued.setRemoteContext("context");
+    queued.setChannel("destination");
+    sut.addToMsgQ(queued);
+    // The caller's message is untouched by the queue.
+    EXPECT_EQ(large, queued.getData());
+
+    CommsChannelDataContainerMessage out;
+    out.setData("old", 3);
+    ASSERT_EQ(1, CommsChannelInspector::getMsgFromQ(sut, out, 0));
+    EXPECT_EQ(large, out.getData());
+    EXPECT_EQ("source", out.sourceChannel());
+    EXPECT_EQ("callback", out.callbackChannel());
+    EXPECT_EQ("protocol", out.protocol());
+    EXPECT_EQ("interface", out.interface());
+    EXPECT_EQ("context", out.remoteContext());
+    EXPECT_EQ("destination", out.channel());
+    EXPECT_EQ(3, out.msgType());
+    EXPECT_EQ(VIREO_PRIORITY_NORMAL, out.priority());
+}
+
+TEST_F(CommsChannelQueueTest, QueueMessageQueuesTheGivenObjectItselfWithTheTokenRule)
+{
+    CommsChannelDataContainerMessage* adopted = new CommsChannelDataContainerMessage(channeltest::message("a", 1));
+    ASSERT_EQ(1, sut.queueMessage(adopted));
+    add("b", 2);
+    ASSERT_EQ(2u, CommsChannelInspector::queueLength(sut));
+    EXPECT_EQ(adopted, CommsChannelInspector::queue(sut).back());
+    EXPECT_EQ(VIREO_PRIORITY_LOW, adopted->priority());
+    EXPECT_EQ(2, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ("b", takeFront());
+    EXPECT_EQ("a", takeFront());
+}

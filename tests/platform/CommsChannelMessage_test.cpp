@@ -10,12 +10,14 @@
 #include "CommsChannelUnregisterLocatorMessage.h"
 
 #include "PlatformTestSupport.h"
+#include "TestUtil.h"
 
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -571,6 +573,63 @@ TEST_F(CommsChannelMessageTest, TextFieldsAreWritableThroughTheirReferences)
     EXPECT_EQ("if2", decoded->interface());
     EXPECT_EQ("rc2", decoded->remoteContext());
     EXPECT_EQ("cb2", decoded->callbackChannel());
+}
+
+}  // namespace
+
+namespace {
+
+CommsChannelDataContainerMessage filledMessage(const std::string& data)
+{
+    CommsChannelDataContainerMessage message;
+    message.setChannel("to");
+    message.setSourceChannel("from");
+    message.setCallbackChannel("back");
+    message.setProtocol("proto");
+    message.setInterface("if");
+    message.setRemoteContext("ctx");
+    message.setRequestId(42);
+    message.setMsgType(5);
+    message.setPriority(VIREO_PRIORITY_HIGH);
+    message.setData(data.data(), static_cast<int>(data.size()));
+    return message;
+}
+
+TEST(CommsChannelMessageMoveTest, MoveAssignmentHandsEveryFieldOverAndEmptiesTheSource)
+{
+    CommsChannelDataContainerMessage source = filledMessage(std::string(100000, 'x'));
+    CommsChannelDataContainerMessage target;
+    target.setData("old", 3);
+    target = std::move(source);
+    EXPECT_EQ("to", target.channel());
+    EXPECT_EQ("from", target.sourceChannel());
+    EXPECT_EQ("back", target.callbackChannel());
+    EXPECT_EQ("proto", target.protocol());
+    EXPECT_EQ("if", target.interface());
+    EXPECT_EQ("ctx", target.remoteContext());
+    EXPECT_EQ(42, target.requestId());
+    EXPECT_EQ(5, target.msgType());
+    EXPECT_EQ(VIREO_PRIORITY_HIGH, target.priority());
+    EXPECT_EQ(std::string(100000, 'x'), target.getData());
+    EXPECT_EQ(0, source.getDataLength());
+    EXPECT_TRUE(source.sourceChannel().empty());
+}
+
+TEST(CommsChannelMessageMoveTest, MovingAMessageWithAPendingSpoolFileLeavesNoFileBehind)
+{
+    const std::vector<std::string> before = cctest::spoolFilesOfThisProcess();
+    {
+        CommsChannelDataContainerMessage source = filledMessage(std::string(70000, 'y'));
+        source.putDataToFile();
+        ASSERT_TRUE(source.hasDataFile());
+        CommsChannelDataContainerMessage target(std::move(source));
+        // Like a copy, the target has no spool file of its own; the source's
+        // file went with the source's contents.
+        EXPECT_FALSE(target.hasDataFile());
+        EXPECT_FALSE(source.hasDataFile());
+        EXPECT_EQ(std::string(70000, 'y'), target.getData());
+    }
+    EXPECT_EQ(before, cctest::spoolFilesOfThisProcess());
 }
 
 }  // namespace
