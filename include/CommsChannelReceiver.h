@@ -4,13 +4,19 @@
 // Callers never delete it. Callable from any thread; its list lock is always
 // taken before a channel's queue lock, never after.
 //
-// All state lives at module level in receiver/: the object itself carries
-// none. A private loopback "status" socket lets application threads wake the
-// thread whenever the list changes.
+// Each instance keeps what its thread uses in a record of its own (receiver/
+// ReceiverState.h); module-level names in receiver/ point at the current
+// instance. A private loopback "status" socket lets application threads wake
+// the thread whenever the list changes. The thread waits with epoll, so any
+// descriptor number works and idle channels cost nothing per message.
 #ifndef COMMSCHANNEL_COMMS_CHANNEL_RECEIVER_H
 #define COMMSCHANNEL_COMMS_CHANNEL_RECEIVER_H
 
 class CommsChannel;
+
+namespace receiver_state {
+struct ReceiverRecord;
+}
 
 // The 4-byte content of a status-update datagram, in host byte order. The
 // thread reads and discards it: only the wake-up matters.
@@ -36,7 +42,8 @@ public:
     // null channel.
     int addReceiveChannel(CommsChannel* channel);
     // Removes the first entry of the channel. Removing the last channel stops
-    // the thread, waits for it and deletes the receiver before returning.
+    // the thread, waits for it and deletes the receiver before returning; a
+    // channel added meanwhile goes to a fresh receiver.
     void removeReceiveChannel(CommsChannel* channel);
     // Entries in the list, duplicates counted.
     int numReceiveChannels();
@@ -50,6 +57,8 @@ public:
 
 private:
     static CommsChannelReceiver* theInstance;
+    // This instance's record; owned, freed by the destructor after the join.
+    receiver_state::ReceiverRecord* m_precord;
     friend class CommsChannelReceiverInspector;  // white-box access for the unit tests
 };
 

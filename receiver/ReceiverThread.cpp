@@ -1,6 +1,11 @@
 // The receiver thread: waits on the status socket and every channel socket,
 // reads each arriving encoding (joining the datagrams of a long one), decodes
 // it and queues it in the channel whose socket it arrived on.
+//
+// It waits with epoll rather than select: the cost of a wake-up does not grow
+// with the number of idle channels, and descriptors of 1024 and above are
+// watched like any other. A ready descriptor finds its channels through the
+// instance's descriptor index, never by a walk over the whole list.
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "ReceiverState.h"
@@ -8,9 +13,9 @@
 
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,6 +23,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <new>
 #include <string>
 
@@ -31,9 +37,27 @@ namespace {
 // Header bytes that announce the total length of an encoding.
 const unsigned int HEADER_SIZE = 8;
 
-// Pause after a failed select (typically a descriptor that a failed read
-// closed), so that the thread retries without spinning a processor.
-const int SELECT_RETRY_PAUSE_MS = 10;
+// Pause after a failed wait, so that the thread retries without spinning a
+// processor.
+const int WAIT_RETRY_PAUSE_MS = 10;
+
+// Readiness reports taken per wait; more ready sockets are served next cycle.
+const int MAX_EVENTS = 64;
+
+// The record of the instance whose thread this is.
+thread_local ReceiverRecord* ownRecord = nullptr;
+
+int ownStatusSocket() { return ownRecord != nullptr ? ownRecord->statusSocket.load() : statusSocket.load(); }
+
+// Whether fd has a datagram waiting right now.
+bool readable(int fd)
+{
+    pollfd watched;
+    watched.fd = fd;
+    watched.events = POLLIN;
+    watched.revents = 0;
+    return poll(&watched, 1, 0) > 0 && (watched.revents & POLLIN) != 0;
+}
 
 // Set when a join was abandoned for a channel being removed: that is not a
 // failure of the stream, and the thread carries on.
@@ -56,7 +80,7 @@ public:
 // thread's own socket is withdrawn, never that of a receiver created since.
 class StatusSocketWithdrawal {
 public:
-    StatusSocketWithdrawal() : m_socket(statusSocket.load()) {}
+    explicit StatusSocketWithdrawal(int ownSocket) : m_socket(ownSocket) {}
     ~StatusSocketWithdrawal()
     {
         int expected = m_socket;
@@ -86,7 +110,8 @@ bool waitForNextPiece(int socket)
         watched[0].fd = socket;
         watched[0].events = POLLIN;
         watched[0].revents = 0;
-        watched[1].fd = statusSocket > 0 ? statusSocket.load() : -1;
+        const int status = ownStatusSocket();
+        watched[1].fd = status > 0 ? status : -1;
         watched[1].events = POLLIN;
         watched[1].revents = 0;
         if (poll(watched, 2, -1) < 0 && errno != EINTR) {
@@ -108,10 +133,12 @@ bool waitForNextPiece(int socket)
 
 }  // namespace
 
-void* runReceiverThread(void* /*unused*/)
+void* runReceiverThread(void* argument)
 {
-    StatusSocketWithdrawal withdrawal;
-    while (!stopReceiver) {
+    ReceiverRecord* record = static_cast<ReceiverRecord*>(argument);
+    ownRecord = record;
+    StatusSocketWithdrawal withdrawal(record->statusSocket);
+    while (!record->stop) {
         monitorChannels();
     }
     pthread_exit(nullptr);
@@ -119,66 +146,93 @@ void* runReceiverThread(void* /*unused*/)
 
 int monitorChannels()
 {
-    fd_set readySet;
-    int width;
-    channelListLock().take(-1);
-    readySet = monitorSet;
-    width = maxSocketPlusOne;
-    channelListLock().give();
-
-    const int ready = select(width, &readySet, nullptr, nullptr, nullptr);
+    ReceiverRecord* record = ownRecord;
+    const std::uint64_t generation = record->generation.load();
+    epoll_event events[MAX_EVENTS];
+    const int ready = epoll_wait(record->epollFd, events, MAX_EVENTS, -1);
     if (ready < 0) {
-        if (errno == EBADF) {
-            poll(nullptr, 0, SELECT_RETRY_PAUSE_MS);
+        if (errno != EINTR) {
+            poll(nullptr, 0, WAIT_RETRY_PAUSE_MS);
         }
         return ready;
     }
-    if (stopReceiver) {
+    if (record->stop) {
         return 0;
     }
-    const int status = statusSocket;
-    if (status > 0 && status < FD_SETSIZE && FD_ISSET(status, &readySet)) {
+    const int status = record->statusSocket;
+    for (int i = 0; i < ready; ++i) {
+        if (status <= 0 || events[i].data.fd != status) {
+            continue;
+        }
         statusUpdateMsgId id = CHANNEL_ADDED;
         receiveStatusUpdate(id);
         channelListLock().take(-1);
-        const bool empty = receiveChannels == nullptr || receiveChannels->empty();
+        const bool empty = record->channels == nullptr || record->channels->empty();
         channelListLock().give();
         if (empty) {
-            stopReceiver = true;
+            record->stop = true;
+            if (currentRecord.load() == record) {
+                stopReceiver = true;
+            }
         }
         // Ready channel sockets stay readable and are served next cycle,
-        // with the rebuilt set.
+        // with the list as it is after the change.
         return ready;
     }
 
     ListLockHolder hold;
-    if (receiveChannels == nullptr) {
+    if (record->channels == nullptr) {
         return ready;
     }
-    for (CommsChannel* channel : *receiveChannels) {
-        if (channel == nullptr) {
-            continue;
+    // The ready channels, in the order in which they were added to the list.
+    static thread_local FdEntries due;
+    due.clear();
+    for (int i = 0; i < ready; ++i) {
+        std::unordered_map<int, FdEntries>::const_iterator entries = record->byFd.find(events[i].data.fd);
+        if (entries != record->byFd.end()) {
+            due.insert(due.end(), entries->second.begin(), entries->second.end());
         }
+    }
+    if (due.size() > 1) {
+        std::sort(due.begin(), due.end());
+    }
+    // If the list changed while we waited, a reported descriptor may belong
+    // to a channel added since, which has nothing to read: such a first look
+    // at a socket is checked. A channel listed twice is still read twice.
+    const bool mayBeStale = record->generation.load() != generation;
+    static thread_local std::vector<int> looked;
+    looked.clear();
+    for (const std::pair<std::uint64_t, CommsChannel*>& entry : due) {
+        CommsChannel* channel = entry.second;
         const int fd = channel->socketHandle();
-        if (fd <= 0 || fd >= FD_SETSIZE || !FD_ISSET(fd, &readySet)) {
+        if (fd <= 0) {
             continue;
         }
-        CommsChannelDataContainerMessage message;
+        if (mayBeStale) {
+            const bool firstLook = std::find(looked.begin(), looked.end(), fd) == looked.end();
+            looked.push_back(fd);
+            if (firstLook && !readable(fd)) {
+                continue;
+            }
+        }
+        CommsChannelDataContainerMessage* message = new CommsChannelDataContainerMessage();
         joinAbandoned = false;
-        if (!receiveChannelMessage(fd, message)) {
+        if (!receiveChannelMessage(fd, *message)) {
+            delete message;
             if (joinAbandoned) {
                 continue;
             }
             throw std::string(RECEIVE_FAILURE);
         }
-        channel->addToMsgQ(message);
+        // The channel takes the decoded message itself: no copy is made.
+        channel->queueMessage(message);
     }
     return ready;
 }
 
 bool receiveStatusUpdate(statusUpdateMsgId& /*id*/)
 {
-    const int fd = statusSocket;
+    const int fd = ownStatusSocket();
     if (fd == 0) {
         return false;
     }
@@ -194,10 +248,13 @@ bool receiveStatusUpdate(statusUpdateMsgId& /*id*/)
     bool result = true;
     if (recvfrom(fd, buffer, static_cast<std::size_t>(count), 0, reinterpret_cast<sockaddr*>(&source),
                  &sourceLength) == -1) {
-        // The variable keeps the old number. The descriptor is closed here
-        // only if the destructor has not taken it over for closing.
+        // The module variable keeps the old number. The descriptor is closed
+        // here, once, and the instance's record forgets it so that the
+        // destructor does not close the number again.
         int owned = fd;
-        if (ownedStatusSocket.compare_exchange_strong(owned, -1)) {
+        if (ownRecord != nullptr && ownRecord->statusSocket.compare_exchange_strong(owned, -1)) {
+            int current = fd;
+            ownedStatusSocket.compare_exchange_strong(current, -1);
             close(fd);
         }
         result = false;

@@ -8,13 +8,19 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -277,6 +283,164 @@ TEST_F(CommsChannelReceiverTest, StatusUpdatesAreDrainedByTheThread)
                                   20000));
     EXPECT_EQ(sut, ReceiverProbe::current());
     EXPECT_EQ("awake", roundTrip(channel, "awake"));
+}
+
+}  // namespace
+
+namespace {
+
+// Raises the soft limit on open descriptors as far as the hard limit allows;
+// false when fewer than wanted can be open.
+bool allowDescriptors(rlim_t wanted)
+{
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return false;
+    }
+    if (limit.rlim_cur < wanted) {
+        limit.rlim_cur = std::min(wanted, limit.rlim_max);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        getrlimit(RLIMIT_NOFILE, &limit);
+    }
+    return limit.rlim_cur >= wanted;
+}
+
+TEST_F(CommsChannelReceiverTest, ChannelWhoseDescriptorIsAbove1024ReceivesLikeAnyOther)
+{
+    if (!allowDescriptors(1200)) {
+        GTEST_SKIP() << "cannot open 1200 descriptors here";
+    }
+    CommsChannel low("");
+    // Fill the descriptor table until the next socket lands above 1024.
+    std::vector<int> fillers;
+    while (cctest::nextFreeDescriptor() <= 1030) {
+        const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        fillers.push_back(fd);
+    }
+    CommsChannel* high = new CommsChannel("");
+    ASSERT_GT(high->socketHandle(), 1024);
+    for (int fd : fillers) {
+        close(fd);
+    }
+
+    EXPECT_EQ("above", roundTrip(*high, "above"));
+    EXPECT_EQ("below", roundTrip(low, "below"));
+    EXPECT_EQ("above again", roundTrip(*high, "above again"));
+    EXPECT_TRUE(cctest::destroyWithin(high));
+    EXPECT_EQ("still", roundTrip(low, "still"));
+}
+
+TEST_F(CommsChannelReceiverTest, ChannelsComingAndGoingWhileTrafficFlowsLoseNothing)
+{
+    CommsChannel steady("");
+    std::atomic<bool> done(false);
+    std::thread churn([&done] {
+        std::vector<CommsChannel*> open;
+        for (int i = 0; i < 300 && !done; ++i) {
+            open.push_back(new CommsChannel(""));
+            if (open.size() > 20) {
+                delete open.front();
+                open.erase(open.begin());
+            }
+        }
+        for (CommsChannel* channel : open) {
+            delete channel;
+        }
+    });
+    const int count = 2000;
+    std::vector<std::string> received;
+    for (int i = 0; i < count; ++i) {
+        peer.sendTo(steady.port(), cctest::dataEncoding("", "message " + std::to_string(i)));
+        // Never more than a few in flight, so that the socket buffer cannot
+        // overflow whatever the scheduling.
+        if (i % 8 == 7 || i == count - 1) {
+            ASSERT_TRUE(cctest::waitForQueued(steady, 8)) << "after " << i;
+            while (!steady.isQEmpty()) {
+                std::string data;
+                steady.receiveMsg(data);
+                received.push_back(data);
+            }
+        }
+    }
+    done = true;
+    churn.join();
+    ASSERT_EQ(static_cast<std::size_t>(count), received.size());
+    for (int i = 0; i < count; ++i) {
+        EXPECT_EQ("message " + std::to_string(i), received[static_cast<std::size_t>(i)]);
+    }
+}
+
+// Lets a group of threads pass only together, round after round.
+class RoundBarrier {
+public:
+    explicit RoundBarrier(int parties) : m_parties(parties) {}
+    void arriveAndWait()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const long round = m_round;
+        if (++m_arrived == m_parties) {
+            m_arrived = 0;
+            ++m_round;
+            m_changed.notify_all();
+            return;
+        }
+        m_changed.wait(lock, [this, round] { return m_round != round; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    const int m_parties;
+    int m_arrived = 0;
+    long m_round = 0;
+};
+
+TEST_F(CommsChannelReceiverTest, ReceiverComingAndGoingThousandsOfTimesJoinsEachThreadOnce)
+{
+    const unsigned long startedBefore = receiver_state::threadsStarted;
+    const unsigned long joinedBefore = receiver_state::threadsJoined;
+    const int threads = 8;
+    const int cyclesPerThread = 10000 / threads;
+    std::atomic<int> failures(0);
+    RoundBarrier barrier(threads);
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([t, cyclesPerThread, &failures, &barrier] {
+            cctest::UdpSocket sender;
+            for (int cycle = 0; cycle < cyclesPerThread; ++cycle) {
+                {
+                    CommsChannel channel("");
+                    const std::string data = std::to_string(t) + "/" + std::to_string(cycle);
+                    sender.sendTo(channel.port(), cctest::dataEncoding("", data));
+                    CommsChannelDataContainerMessage message;
+                    try {
+                        if (channel.receiveMsg_ByID_Timed(message, 0, 20000) != 1 || message.getData() != data) {
+                            ++failures;
+                        }
+                    } catch (const std::exception&) {
+                        ++failures;
+                    }
+                }
+                // Every second round all channels are gone before the next
+                // one is made, so the receiver ends and comes back; in the
+                // others the last channel of one receiver races with the
+                // first channel of the next.
+                if (cycle % 2 == 0) {
+                    barrier.arriveAndWait();
+                }
+            }
+        });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(nullptr, ReceiverProbe::current());
+    const unsigned long started = receiver_state::threadsStarted - startedBefore;
+    EXPECT_GE(started, static_cast<unsigned long>(cyclesPerThread / 2));
+    RecordProperty("receiversStarted", static_cast<int>(started));
+    EXPECT_EQ(started, receiver_state::threadsJoined - joinedBefore);
 }
 
 }  // namespace
