@@ -1,6 +1,7 @@
 #!/bin/sh
 # Builds and runs the whole CommsChannel test suite:
-#   1. a normal build with -Wall -Wextra -Werror,
+#   1. a normal build with -Wall -Wextra -Werror, the benchmarks included
+#      (their smoke run, bench.smoke, is one of the tests),
 #   2. an AddressSanitizer + UndefinedBehaviorSanitizer build,
 #   3. a ThreadSanitizer build,
 #   4. an install into a scratch prefix, with the examples built against it
@@ -32,7 +33,7 @@ run_suite() {
 
 # The sanitizer builds are unoptimised: they compile much faster, and the
 # runtimes find the same faults.
-run_suite normal RelWithDebInfo
+run_suite normal RelWithDebInfo -DCOMMSCHANNEL_BUILD_BENCHMARKS=ON
 
 step "install and build the examples against the installed package"
 "$root/tools/ci/check-install.sh" "$out/normal" "$out/install-check"
