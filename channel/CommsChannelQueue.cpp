@@ -56,9 +56,13 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* copy, const std::str
     m_pqueueMutex->take(-1);
     Semaphore* target = m_pqueueSemaphore;
     if (copy->requestId() != 0) {
+        // The map is keyed by int: where long is wider, a non-zero id whose
+        // lower bits are zero finds the map's placeholder entry for id 0,
+        // which has no semaphore. Such a message answers no waiter, and its
+        // token goes to the queue like any other.
         std::map<int, Semaphore*>::iterator waiter =
             m_prequestIdSemaphores->find(static_cast<int>(copy->requestId()));
-        if (waiter != m_prequestIdSemaphores->end()) {
+        if (waiter != m_prequestIdSemaphores->end() && waiter->second != nullptr) {
             target = waiter->second;
         }
     }

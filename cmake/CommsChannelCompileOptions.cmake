@@ -12,6 +12,16 @@ endif()
 # numbers, as the host's are under qemu-mips. No public interface uses off_t.
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 
+# For the libFuzzer targets, everything is built with the fuzzer's coverage
+# instrumentation, so that the fuzzer sees which paths of the libraries and
+# the resolver an input reached. The fuzz targets add the fuzzer runtime.
+if(COMMSCHANNEL_BUILD_FUZZERS)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        message(FATAL_ERROR "COMMSCHANNEL_BUILD_FUZZERS needs clang (libFuzzer)")
+    endif()
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # Sanitizers apply to everything built here, GoogleTest included, so that
 # the runtime sees every access.
 if(_cc_sanitizer_flags)

@@ -11,6 +11,7 @@
 
 #include <unistd.h>
 
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -185,6 +186,22 @@ TEST_F(CommsChannelQueueTest, RequestIdZeroGivesItsTokenToTheQueueDespiteTheZero
 {
     add("no request", 0, 0);
     EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+}
+
+// The request-id map is keyed by int. A request id whose lower 32 bits are
+// zero (only possible where long is wider than int) must not land on the
+// map's null entry for id 0 and lose its token: found by fuzz/ChannelFuzzer.
+TEST_F(CommsChannelQueueTest, RequestIdWithZeroLowBitsGivesItsTokenToTheQueue)
+{
+    if (sizeof(long) <= sizeof(int)) {
+        GTEST_SKIP() << "every long fits an int here";
+    }
+    const long highBitsOnly = static_cast<long>(std::numeric_limits<unsigned int>::max()) + 1;
+
+    add("high bits only", 0, highBitsOnly);
+
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ("high bits only", takeFront());
 }
 
 // --- the queue-length notice -------------------------------------------
