@@ -10,6 +10,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -89,16 +90,40 @@ int sendStatusUpdate(int fd, int networkOrderPort, statusUpdateMsgId id)
 // The status socket and port of the current instance, read under the list
 // lock, so that the update announcing a change reaches the thread of the
 // instance that changed, never one created since.
+// The record's own socket stays open while a captured send is under way:
+// the destructor waits for such sends (which never block) before closing.
 struct StatusTarget {
     int fd = 0;
     int port = 0;
+    ReceiverRecord* record = nullptr;
+    StatusTarget() = default;
+    StatusTarget(const StatusTarget&) = delete;
+    StatusTarget& operator=(const StatusTarget&) = delete;
+    ~StatusTarget() { release(); }
+    void release()
+    {
+        if (record != nullptr) {
+            --record->statusSenders;
+            record = nullptr;
+        }
+    }
     // REQUIRES: channelListLock is held.
     void capture()
     {
         fd = statusSocket.load();
         port = statusPort.load();
+        record = currentRecord.load();
+        if (record != nullptr) {
+            ++record->statusSenders;
+        }
     }
-    int send(statusUpdateMsgId id) const { return sendStatusUpdate(fd, port, id); }
+    // Sends the update once and lets the socket go.
+    int send(statusUpdateMsgId id)
+    {
+        const int result = sendStatusUpdate(fd, port, id);
+        release();
+        return result;
+    }
 };
 
 }  // namespace
@@ -114,21 +139,14 @@ CommsChannelReceiver* CommsChannelReceiver::instance()
         return current;
     }
     instanceLock().take(-1);
-    if (theInstance == nullptr) {
+    if (__atomic_load_n(&theInstance, __ATOMIC_ACQUIRE) == nullptr) {
         stopReceiver = false;
-        CommsChannelReceiver* receiver = new CommsChannelReceiver();
-        ReceiverRecord* record = receiver->m_precord;
-        __atomic_store_n(&theInstance, receiver, __ATOMIC_RELEASE);
-        // The thread gets the instance's record and nothing else.
-        Threader threader;
-        threader.spawn(&record->threadId, runReceiverThread, record, "", TARN_PRIORITY_NORMAL, 0);
-        receiverThreadId = record->threadId;
-        ++threadsStarted;
-        // Not theInstance read again: the new receiver's first channel may
-        // already have come and gone on another thread.
-        current = receiver;
+        // The constructor publishes the receiver itself. Not read again from
+        // theInstance: the new receiver's first channel may already have come
+        // and gone on another thread.
+        current = new CommsChannelReceiver();
     } else {
-        current = theInstance;
+        current = __atomic_load_n(&theInstance, __ATOMIC_ACQUIRE);
     }
     instanceLock().give();
     return current;
@@ -147,6 +165,14 @@ CommsChannelReceiver::CommsChannelReceiver() : m_precord(new ReceiverRecord())
     currentRecord = m_precord;
     createStatusUpdateSocketConnection();
     updateSocketMonitorList();
+    // The thread gets the instance's record and nothing else. It is started
+    // before the lock is given, so that nobody can end this instance (and
+    // join its thread) before the thread's id is known.
+    Threader threader;
+    threader.spawn(&m_precord->threadId, runReceiverThread, m_precord, "", TARN_PRIORITY_NORMAL, 0);
+    receiverThreadId = m_precord->threadId;
+    ++threadsStarted;
+    __atomic_store_n(&theInstance, this, __ATOMIC_RELEASE);
     channelListLock().give();
 }
 
@@ -186,10 +212,16 @@ CommsChannelReceiver::~CommsChannelReceiver()
     if (current) {
         target.send(CHANNEL_REMOVED);
     }
+    target.release();
     sendStatusUpdate(record->statusSocket.load(), record->statusPort, CHANNEL_REMOVED);
     Threader threader;
     threader.waitForThreadCompletion(record->threadId);
     ++threadsJoined;
+    // Status updates captured before the end are sent through our socket;
+    // they take no time, but must be out before it is closed.
+    while (record->statusSenders.load() != 0) {
+        sched_yield();
+    }
     // The thread has ended (and cleared statusSocket if it was current);
     // nobody sends through these descriptors any more.
     const int ownSocket = record->statusSocket.load();

@@ -66,6 +66,9 @@ struct ReceiverRecord {
     // Set, under channelListLock, by the removal that left the list empty:
     // that caller alone deletes the instance, and nothing is added any more.
     bool ending = false;
+    // Status updates being sent through this instance's socket by threads
+    // that captured it under channelListLock.
+    std::atomic<int> statusSenders{0};
     // The instance this record belongs to.
     CommsChannelReceiver* owner = nullptr;
 };
