@@ -143,7 +143,11 @@ int libEcho(const PeerArgs& args)
                 reply.setData(data, length);
                 sent = channel.sendMsg(reply);
             } else {
-                sent = channel.sendMsg(request.sourceChannel(), request.getData());
+                // The reply is sent straight from the received message's
+                // bytes, as an application that cares about memory would.
+                int length = 0;
+                char* data = request.getData(&length);
+                sent = channel.sendMsg(request.sourceChannel(), data, length);
             }
             if (sent != 1) {
                 std::fprintf(stderr, "lib-echo: reply to '%s' not sent\n", request.sourceChannel().c_str());

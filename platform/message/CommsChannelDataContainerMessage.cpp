@@ -1,6 +1,7 @@
 #include "CommsChannelDataContainerMessage.h"
 
 #include "DataSpool.h"
+#include "LargeData.h"
 #include "WireCodec.h"
 
 #include <climits>
@@ -91,7 +92,7 @@ void CommsChannelDataContainerMessage::copyFields(const CommsChannelDataContaine
     m_requestId = other.m_requestId;
     m_msgType = other.m_msgType;
     m_priority = other.m_priority;
-    m_data = other.m_data;
+    largedata::assign(m_data, other.m_data.data(), other.m_data.size());
 }
 
 void CommsChannelDataContainerMessage::dropDataFile()
@@ -118,7 +119,7 @@ void CommsChannelDataContainerMessage::setData(const char* data, int length)
     if (data == nullptr || length < 1) {
         m_data.clear();
     } else {
-        m_data.assign(data, static_cast<std::size_t>(length));
+        largedata::assign(m_data, data, static_cast<std::size_t>(length));
     }
 }
 
@@ -131,7 +132,12 @@ long CommsChannelDataContainerMessage::requestId() const { return m_requestId; }
 int CommsChannelDataContainerMessage::msgType() const { return m_msgType; }
 VireoThreadPriority CommsChannelDataContainerMessage::priority() const { return m_priority; }
 
-std::string CommsChannelDataContainerMessage::getData() const { return m_data; }
+std::string CommsChannelDataContainerMessage::getData() const
+{
+    std::string copy;
+    largedata::assign(copy, m_data.data(), m_data.size());
+    return copy;
+}
 
 char* CommsChannelDataContainerMessage::getData(int* length)
 {

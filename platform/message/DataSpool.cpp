@@ -1,5 +1,7 @@
 #include "DataSpool.h"
 
+#include "LargeData.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -159,6 +161,7 @@ bool retrieve(const std::string& name, std::uint64_t length, std::string& out)
               static_cast<std::uint64_t>(info.st_size) == length;
     std::string data;
     if (ok) {
+        largedata::prepare(data, static_cast<std::size_t>(length));
         data.resize(static_cast<std::size_t>(length));
         std::size_t done = 0;
         while (done < data.size()) {
