@@ -53,6 +53,7 @@ void CommsChannel::construct()
     m_pqueueMutex = new Semaphore(1, 1, false);
     m_preceiveQueue = new std::list<CommsChannelDataContainerMessage*>();
     m_pqueueIndex = new ReceiveQueueIndex();
+    m_psparedMessages = new std::list<CommsChannelDataContainerMessage*>();
     m_prequestIdSemaphores = new std::map<int, Semaphore*>();
     m_prequestIdSemaphores->insert(std::make_pair(0, static_cast<Semaphore*>(nullptr)));
     m_msgTypePriorities.assign(MSG_TYPE_PRIORITIES,
@@ -117,6 +118,10 @@ CommsChannel::~CommsChannel()
     delete m_pqueueMutex;
     delete m_preceiveQueue;
     delete m_pqueueIndex;
+    for (CommsChannelDataContainerMessage* spare : *m_psparedMessages) {
+        delete spare;
+    }
+    delete m_psparedMessages;
     delete m_prequestIdSemaphores;
 }
 

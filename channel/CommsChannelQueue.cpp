@@ -19,6 +19,9 @@ namespace {
 // The queue logs a notice each time it reaches this length.
 const int QUEUE_WARNING_LENGTH = 50;
 
+// Emptied messages kept per channel for reuse by the next copies.
+const std::size_t MAX_SPARED_MESSAGES = 16;
+
 // The token-balancing wait of a by-id receive that found its message at once.
 const int BALANCE_WAIT = 10;
 
@@ -31,7 +34,7 @@ CommsException timeoutException(int timeout)
 
 int CommsChannel::addToMsgQ(CommsChannelDataContainerMessage& message)
 {
-    return enqueue(new CommsChannelDataContainerMessage(message), message.interface());
+    return enqueue(nullptr, &message, message.interface());
 }
 
 int CommsChannel::queueMessage(CommsChannelDataContainerMessage* message)
@@ -39,21 +42,35 @@ int CommsChannel::queueMessage(CommsChannelDataContainerMessage* message)
     // The warning names the interface the message arrived with, even if the
     // interceptor changes the queued message.
     const std::string interfaceName = message->interface();
-    return enqueue(message, interfaceName);
+    return enqueue(message, nullptr, interfaceName);
 }
 
-int CommsChannel::enqueue(CommsChannelDataContainerMessage* copy, const std::string& interfaceName)
+int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsChannelDataContainerMessage* original,
+                          const std::string& interfaceName)
 {
     // Types outside the table get the lowest priority instead of reading
     // past its end.
-    const int msgType = copy->msgType();
+    const int msgType = owned != nullptr ? owned->msgType() : original->msgType();
     const VireoThreadPriority priority =
         (msgType >= 0 && static_cast<std::size_t>(msgType) < m_msgTypePriorities.size())
             ? m_msgTypePriorities[static_cast<std::size_t>(msgType)]
             : VIREO_PRIORITY_LOW;
-    copy->setPriority(priority);
 
     m_pqueueMutex->take(-1);
+    // The copy goes into a message kept from an earlier receive when there
+    // is one (its buffers are reused), else into a new one.
+    CommsChannelDataContainerMessage* copy = owned;
+    std::list<CommsChannelDataContainerMessage*>::iterator spareNode = m_psparedMessages->end();
+    if (copy == nullptr) {
+        if (!m_psparedMessages->empty()) {
+            spareNode = m_psparedMessages->begin();
+            copy = *spareNode;
+            *copy = *original;
+        } else {
+            copy = new CommsChannelDataContainerMessage(*original);
+        }
+    }
+    copy->setPriority(priority);
     Semaphore* target = m_pqueueSemaphore;
     if (copy->requestId() != 0) {
         // The map is keyed by int: where long is wider, a non-zero id whose
@@ -78,11 +95,22 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* copy, const std::str
     if (!keep) {
         // A dropped message still gives its token: the woken waiter finds
         // nothing new and returns 0 or scans again.
+        if (spareNode != m_psparedMessages->end()) {
+            m_psparedMessages->erase(spareNode);
+        }
         delete copy;
     } else {
         // Behind every message of the same or a higher priority.
-        const std::list<CommsChannelDataContainerMessage*>::iterator position =
-            m_preceiveQueue->insert(m_pqueueIndex->insertPosition(*m_preceiveQueue, priority), copy);
+        const std::list<CommsChannelDataContainerMessage*>::iterator at =
+            m_pqueueIndex->insertPosition(*m_preceiveQueue, priority);
+        std::list<CommsChannelDataContainerMessage*>::iterator position;
+        if (spareNode != m_psparedMessages->end()) {
+            // The spare's list node moves into the queue with it.
+            m_preceiveQueue->splice(at, *m_psparedMessages, spareNode);
+            position = spareNode;
+        } else {
+            position = m_preceiveQueue->insert(at, copy);
+        }
         m_pqueueIndex->inserted(position, priority);
 
         // Written once on reaching the mark, not again while the queue stays
@@ -108,11 +136,16 @@ void CommsChannel::takeOut(std::list<CommsChannelDataContainerMessage*>::iterato
 {
     CommsChannelDataContainerMessage* message = *position;
     m_pqueueIndex->erasing(*m_preceiveQueue, position);
-    m_preceiveQueue->erase(position);
-    // The queued message is deleted right after, so its contents can move
-    // into the caller's message instead of being copied.
+    // The queued message is not needed any more, so its contents move into
+    // the caller's message instead of being copied. The emptied message and
+    // its list node are kept for the next copy, up to a few.
     out = std::move(*message);
-    delete message;
+    if (m_psparedMessages->size() < MAX_SPARED_MESSAGES) {
+        m_psparedMessages->splice(m_psparedMessages->begin(), *m_preceiveQueue, position);
+    } else {
+        m_preceiveQueue->erase(position);
+        delete message;
+    }
 }
 
 int CommsChannel::getMsgFromQ(CommsChannelDataContainerMessage& out, int timeout)

@@ -49,7 +49,8 @@ int CommsChannel::receiveMsg(std::string& data)
     if (getMsgFromQ(local, -1) != 1) {
         return 0;
     }
-    data = local.getData();
+    // The same as assigning getData(), without copying the bytes.
+    local.takeData(data);
     return 1;
 }
 

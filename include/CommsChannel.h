@@ -98,9 +98,11 @@ private:
 
     int send(CommsChannelDataContainerMessage& message);
 
-    // The common part of addToMsgQ and queueMessage: copy is the queue's own
-    // heap message; interfaceName names the interface in the queue warning.
-    int enqueue(CommsChannelDataContainerMessage* copy, const std::string& interfaceName);
+    // The common part of addToMsgQ and queueMessage. Queues owned (taking
+    // ownership) or, when it is null, a copy of original. interfaceName
+    // names the interface in the queue warning.
+    int enqueue(CommsChannelDataContainerMessage* owned, const CommsChannelDataContainerMessage* original,
+                const std::string& interfaceName);
     // Unlinks the element at position and moves its message into out.
     // REQUIRES: m_pqueueMutex is held.
     void takeOut(std::list<CommsChannelDataContainerMessage*>::iterator position,
@@ -128,6 +130,9 @@ private:
     Semaphore* m_pqueueMutex;
     std::map<int, Semaphore*>* m_prequestIdSemaphores;  // guarded by m_pqueueMutex
     ReceiveQueueIndex* m_pqueueIndex;                   // guarded by m_pqueueMutex; owned
+    // Messages taken out of the queue, kept with their list nodes for the
+    // next copies, so that a steady stream allocates nothing per message.
+    std::list<CommsChannelDataContainerMessage*>* m_psparedMessages;  // guarded by m_pqueueMutex; owned
 };
 
 #endif

@@ -11,6 +11,8 @@ namespace {
 // How the data travels inside the encoding.
 const std::uint8_t DATA_INLINE = 0;
 const std::uint8_t DATA_IN_FILE = 1;
+// The largest data buffer that a moved-from message keeps for reuse.
+const std::size_t REUSABLE_DATA_CAPACITY = 64 * 1024;
 }  // namespace
 
 CommsChannelDataContainerMessage::CommsChannelDataContainerMessage()
@@ -79,7 +81,21 @@ void CommsChannelDataContainerMessage::moveFields(CommsChannelDataContainerMessa
     other.m_interface.clear();
     other.m_remoteContext.clear();
     other.m_data.clear();
-    other.m_data.shrink_to_fit();
+    // A moved-from message may be reused (the receive queue recycles its
+    // messages); it keeps a small buffer for that, never a large one.
+    if (other.m_data.capacity() > REUSABLE_DATA_CAPACITY) {
+        other.m_data.shrink_to_fit();
+    }
+}
+
+void CommsChannelDataContainerMessage::takeData(std::string& out)
+{
+    dropDataFile();
+    out.swap(m_data);
+    m_data.clear();
+    if (m_data.capacity() > REUSABLE_DATA_CAPACITY) {
+        m_data.shrink_to_fit();
+    }
 }
 
 void CommsChannelDataContainerMessage::copyFields(const CommsChannelDataContainerMessage& other)

@@ -61,6 +61,9 @@ public:
     // data changes or the message goes; the length is written to *length.
     char* getData(int* length);
     int getDataLength() const;
+    // Moves the data out into out (whose old contents are dropped) and
+    // leaves this message without data: getData() without the copy.
+    void takeData(std::string& out);
 
     // Writes the data to a spool file so that the next encode() carries a
     // reference instead of the bytes. Without data, or when the spool

@@ -691,3 +691,57 @@ TEST_F(CommsChannelQueueTest, QueueMessageQueuesTheGivenObjectItselfWithTheToken
     EXPECT_EQ("b", takeFront());
     EXPECT_EQ("a", takeFront());
 }
+
+namespace {
+
+TEST(CommsChannelQueueReuseTest, NothingOfAnEarlierMessageShowsInALaterOne)
+{
+    channeltest::Watchdog watchdog;
+    CommsChannel sut("");
+    for (int round = 0; round < 40; ++round) {
+        // A full message, then a bare one, each taken out before the next
+        // goes in, so that the second is copied into what held the first.
+        CommsChannelDataContainerMessage full = channeltest::message(std::string(100 + round, 'f'), 2, 9);
+        full.setSourceChannel("source");
+        full.setCallbackChannel("callback");
+        full.setProtocol("protocol");
+        full.setInterface("interface");
+        full.setRemoteContext("context");
+        full.setChannel("destination");
+        sut.addToMsgQ(full);
+        CommsChannelDataContainerMessage out;
+        ASSERT_EQ(1, CommsChannelInspector::getMsgFromQ(sut, out, 0));
+        EXPECT_EQ("callback", out.callbackChannel());
+
+        CommsChannelDataContainerMessage bare = channeltest::message("b", 1);
+        sut.addToMsgQ(bare);
+        CommsChannelDataContainerMessage second;
+        ASSERT_EQ(1, CommsChannelInspector::getMsgFromQ(sut, second, 0));
+        EXPECT_EQ("b", second.getData());
+        EXPECT_EQ("", second.sourceChannel());
+        EXPECT_EQ("", second.callbackChannel());
+        EXPECT_EQ("", second.protocol());
+        EXPECT_EQ("", second.interface());
+        EXPECT_EQ("", second.remoteContext());
+        EXPECT_EQ("", second.channel());
+        EXPECT_EQ(0, second.requestId());
+        EXPECT_EQ(1, second.msgType());
+        EXPECT_EQ(VIREO_PRIORITY_LOW, second.priority());
+    }
+}
+
+TEST(CommsChannelQueueReuseTest, ReceiveIntoAStringGivesTheWholeDataOfEachMessage)
+{
+    channeltest::Watchdog watchdog;
+    CommsChannel sut("");
+    for (int size : {1, 70000, 3, 5 * 1024 * 1024, 64}) {
+        const std::string data(static_cast<std::size_t>(size), static_cast<char>('a' + size % 26));
+        CommsChannelDataContainerMessage queued = channeltest::message(data);
+        sut.addToMsgQ(queued);
+        std::string received = "previous contents";
+        ASSERT_EQ(1, sut.receiveMsg(received));
+        EXPECT_EQ(data, received);
+    }
+}
+
+}  // namespace
