@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <new>
 #include <string>
+#include <vector>
 
 namespace receiver_state {
 
@@ -40,6 +41,9 @@ const unsigned int HEADER_SIZE = 8;
 // Pause after a failed wait, so that the thread retries without spinning a
 // processor.
 const int WAIT_RETRY_PAUSE_MS = 10;
+
+// Further datagrams read from a socket in one pass once it was found ready.
+const int DRAIN_LIMIT = 32;
 
 // Readiness reports taken per wait; more ready sockets are served next cycle.
 const int MAX_EVENTS = 64;
@@ -129,6 +133,68 @@ bool waitForNextPiece(int socket)
     }
     joiningSocket = -1;
     return !abandoned;
+}
+
+}  // namespace
+
+namespace {
+
+enum ReadOutcome { NOTHING_WAITING, READ_FAILED, READ_OK };
+
+// Encodings up to this size are read into a buffer that the thread keeps,
+// instead of a fresh one per message.
+const std::size_t SCRATCH_BYTES = 64 * 1024;
+
+// Reads one encoding from socket into message. NOTHING_WAITING when the
+// socket holds no datagram at all.
+ReadOutcome readEncoding(int socket, CommsChannelMessage& message)
+{
+    if (statusSocket == 0) {
+        return READ_FAILED;
+    }
+    // One peek tells both whether a datagram waits and how long it is
+    // (MSG_TRUNC reports the datagram's full length), and fetches its
+    // header. A datagram shorter than the header is left unread.
+    char header[HEADER_SIZE];
+    const ssize_t pending = recv(socket, header, HEADER_SIZE, MSG_PEEK | MSG_DONTWAIT | MSG_TRUNC);
+    if (pending == -1) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            return NOTHING_WAITING;
+        }
+        perror("CommsChannelReceiver::receiveChannelMessage: ioctl failed");
+        return READ_FAILED;
+    }
+    if (pending < static_cast<ssize_t>(HEADER_SIZE)) {
+        return READ_FAILED;
+    }
+    uint32_t totalLength;
+    std::memcpy(&totalLength, header + 4, sizeof totalLength);
+    // An encoding cannot be shorter than its own header: such a length is
+    // unreadable like a datagram of fewer than 8 bytes, and is left unread.
+    if (totalLength < HEADER_SIZE) {
+        return READ_FAILED;
+    }
+    static thread_local std::vector<char> scratch;
+    char* buffer = nullptr;
+    if (totalLength <= SCRATCH_BYTES) {
+        scratch.resize(SCRATCH_BYTES);
+        buffer = scratch.data();
+    } else {
+        buffer = new (std::nothrow) char[totalLength];
+        if (buffer == nullptr) {
+            perror("CommsChannelReceiver::receiveChannelMessage: alloc failed");
+            close(socket);
+            return READ_FAILED;
+        }
+    }
+    const bool read = getSocketData(socket, buffer, totalLength, false);
+    if (read) {
+        message.decode(buffer);
+    }
+    if (buffer != scratch.data()) {
+        delete[] buffer;
+    }
+    return read ? READ_OK : READ_FAILED;
 }
 
 }  // namespace
@@ -226,6 +292,23 @@ int monitorChannels()
         }
         // The channel takes the decoded message itself: no copy is made.
         channel->queueMessage(message);
+        // A burst is drained while we are here, up to a bound, so that the
+        // socket's buffer empties at the pace of reading rather than of
+        // waking; a datagram that cannot be read ends the thread as above.
+        for (int more = 0; more < DRAIN_LIMIT; ++more) {
+            message = new CommsChannelDataContainerMessage();
+            joinAbandoned = false;
+            const ReadOutcome outcome = readEncoding(fd, *message);
+            if (outcome == READ_OK) {
+                channel->queueMessage(message);
+                continue;
+            }
+            delete message;
+            if (outcome == NOTHING_WAITING || joinAbandoned) {
+                break;
+            }
+            throw std::string(RECEIVE_FAILURE);
+        }
     }
     return ready;
 }
@@ -296,41 +379,9 @@ bool getSocketData(int socket, char* buffer, unsigned int length, bool peek)
 
 bool receiveChannelMessage(int socket, CommsChannelMessage& message)
 {
-    if (statusSocket == 0) {
-        return false;
-    }
-    int count = 0;
-    if (ioctl(socket, FIONREAD, &count) == -1) {
-        perror("CommsChannelReceiver::receiveChannelMessage: ioctl failed");
-        return false;
-    }
-    if (count < static_cast<int>(HEADER_SIZE)) {
-        return false;
-    }
-    char header[HEADER_SIZE];
-    if (!getSocketData(socket, header, HEADER_SIZE, true)) {
-        return false;
-    }
-    uint32_t totalLength;
-    std::memcpy(&totalLength, header + 4, sizeof totalLength);
-    // An encoding cannot be shorter than its own header: such a length is
-    // unreadable like a datagram of fewer than 8 bytes, and is left unread.
-    if (totalLength < HEADER_SIZE) {
-        return false;
-    }
-    char* buffer = new (std::nothrow) char[totalLength];
-    if (buffer == nullptr) {
-        perror("CommsChannelReceiver::receiveChannelMessage: alloc failed");
-        close(socket);
-        return false;
-    }
-    if (!getSocketData(socket, buffer, totalLength, false)) {
-        delete[] buffer;
-        return false;
-    }
-    message.decode(buffer);
-    delete[] buffer;
-    return true;
+    // The socket was reported readable, so an empty socket is a failure
+    // like a datagram too short to carry a header.
+    return readEncoding(socket, message) == READ_OK;
 }
 
 }  // namespace receiver_state
