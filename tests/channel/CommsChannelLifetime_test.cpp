@@ -35,8 +35,6 @@ using cctest::LocatorProbe;
 // Everything that must happen within a test; generous for emulation and
 // sanitizers.
 const int TEST_DEADLINE_MS = 200000;
-// How long the churning tests keep churning.
-const int CHURN_MS = 3000;
 
 void failLoudly(const std::string& what)
 {
@@ -189,6 +187,7 @@ TEST_F(CommsChannelLifetimeTest, SendsToNamesThatAreRemovedAndRegisteredAgainInT
 {
     const int NAMES = 4;
     const int SENDERS = 4;
+    const int LOCAL_CYCLES = 400;
     // The fake resolver answers every port request with 0 and relays
     // nothing, so the only rows the locator gets are the ones pushed below,
     // each after the previous one was applied: no datagram to the locator
@@ -208,13 +207,17 @@ TEST_F(CommsChannelLifetimeTest, SendsToNamesThatAreRemovedAndRegisteredAgainInT
     std::atomic<long> remoteRounds{0};
     std::vector<std::thread> threads;
 
-    // Names of this process come and go.
+    // Names of this process come and go, a bounded number of times: every
+    // registration and removal is a row to the fake resolver, and a burst
+    // beyond what its socket holds would lose port requests.
+    std::atomic<int> churning{NAMES};
     for (int n = 0; n < NAMES; ++n) {
         threads.emplace_back([&, n] {
-            while (!stop) {
+            for (int cycle = 0; cycle < LOCAL_CYCLES && !stop; ++cycle) {
                 CommsChannel target(nameOf("target ", n));
                 std::this_thread::yield();
             }
+            --churning;
         });
     }
     // Names of another process, as the resolver would announce and withdraw
@@ -240,12 +243,13 @@ TEST_F(CommsChannelLifetimeTest, SendsToNamesThatAreRemovedAndRegisteredAgainInT
             }
         });
     }
-    cctest::waitUntil([] { return false; }, CHURN_MS);
+    const bool churnEnded = cctest::waitUntil([&] { return churning.load() == 0; }, TEST_DEADLINE_MS);
     stop = true;
     for (std::thread& thread : threads) {
         thread.join();
     }
 
+    EXPECT_TRUE(churnEnded);
     EXPECT_GT(sends.load(), 0);
     EXPECT_GT(remoteRounds.load(), 0);
     EXPECT_EQ(1u, LocatorProbe::localCount());
