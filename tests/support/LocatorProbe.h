@@ -1,6 +1,6 @@
-// Looks at the current locator's maps under its map lock, and runs a
-// possibly blocking getDispatcher on a thread of its own, for the locator
-// tests. Header only.
+// Looks at the current locator's maps under its map lock, runs a possibly
+// blocking getDispatcher on a thread of its own, and watches locator threads
+// start and be joined, for the locator tests. Header only.
 //
 // Usage:
 //   EXPECT_TRUE(cctest::waitUntil([] { return cctest::LocatorProbe::remotePort("x") == 40000; }));
