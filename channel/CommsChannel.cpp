@@ -142,7 +142,9 @@ int CommsChannel::registerChannel()
     if (m_channelName.compare("") == 0) {
         return 0;
     }
-    return CommsChannelLocator::instance()->registerChannel(this);
+    // Found and used under the locator's instance lock: the last channel of
+    // another thread cannot delete the locator in between.
+    return CommsChannelLocator::registerWithInstance(this);
 }
 
 int CommsChannel::unregisterChannel()
@@ -150,7 +152,9 @@ int CommsChannel::unregisterChannel()
     if (m_channelName.compare("") == 0) {
         return 0;
     }
-    return CommsChannelLocator::instance()->unregisterChannel(this);
+    // Returns once no send in this process is queuing into this channel
+    // through its former entry, so the queue can then be dismantled.
+    return CommsChannelLocator::unregisterFromInstance(this);
 }
 
 void CommsChannel::installReceiveChannel() { CommsChannelReceiver::instance()->addReceiveChannel(this); }

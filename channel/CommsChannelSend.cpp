@@ -5,6 +5,17 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelDispatcher.h"
 #include "CommsChannelLocator.h"
+#include "DispatcherShare.h"
+
+#include <memory>
+
+namespace {
+
+struct ShareRelease {
+    void operator()(DispatcherShare* share) const { share->release(); }
+};
+
+}  // namespace
 
 int CommsChannel::sendMsg(CommsChannelDataContainerMessage& message)
 {
@@ -42,14 +53,16 @@ int CommsChannel::sendMsg(const std::string& destination, const std::string& dat
 
 int CommsChannel::send(CommsChannelDataContainerMessage& message)
 {
-    // The dispatcher is held for the duration of the send, so that a removal
-    // of the destination relayed meanwhile cannot delete it under us.
-    CommsChannelLocator* locator = CommsChannelLocator::instance();
-    CommsChannelDispatcher* dispatcher = locator->acquireDispatcher(message.channel());
+    // The send shares the ownership of its dispatcher with the destination's
+    // locator entry until sendMsg has returned: a removal of the destination
+    // meanwhile (a channel of this process going, or a removal relayed by the
+    // resolver) neither deletes it under us nor waits for us while it holds
+    // a lock. The share is given back even if an interceptor throws.
+    DispatcherShare* share = nullptr;
+    CommsChannelDispatcher* dispatcher = CommsChannelLocator::instance()->acquireDispatcher(message.channel(), &share);
     if (dispatcher == nullptr) {
         return 0;
     }
-    const int result = dispatcher->sendMsg(this, message);
-    locator->releaseDispatcher(dispatcher);
-    return result;
+    std::unique_ptr<DispatcherShare, ShareRelease> held(share);
+    return dispatcher->sendMsg(this, message);
 }

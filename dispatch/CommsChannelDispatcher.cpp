@@ -13,8 +13,6 @@
 #include <cstring>
 #include <new>
 
-CommsChannelDispatcher::~CommsChannelDispatcher() = default;
-
 CCIntraProcDispatcher::CCIntraProcDispatcher(CommsChannel* destination) : m_pchannel(destination) {}
 
 int CCIntraProcDispatcher::sendMsg(CommsChannel* /*sender*/, CommsChannelDataContainerMessage& message)

@@ -3,6 +3,12 @@
 // by that name's CommsChannelLocatorEntry; callers of getDispatcher use it at
 // once and never delete or keep it.
 //
+// The base class has no virtual destructor: its virtual table holds sendMsg
+// alone. A dispatcher is therefore never deleted through a
+// CommsChannelDispatcher*; whoever owns one deletes it through the class it
+// was created as (a CommsChannelLocatorEntry does this itself). The four
+// strategies are final for the same reason.
+//
 // Dispatchers are immutable and hold no locks: several threads may use one
 // at once.
 #ifndef COMMSCHANNEL_COMMS_CHANNEL_DISPATCHER_H
@@ -17,15 +23,16 @@ public:
     // Delivers or sends message on behalf of sender. 1 delivered or sent,
     // 0 not. The caller keeps the message.
     virtual int sendMsg(CommsChannel* sender, CommsChannelDataContainerMessage& message) = 0;
-    // Declared after sendMsg so that sendMsg keeps the first slot of the
-    // table. Owners release dispatchers with a plain delete of the base
-    // pointer, which this makes well defined for every subclass.
-    virtual ~CommsChannelDispatcher();
+
+protected:
+    // Deliberately neither virtual nor public: sendMsg is the only entry of
+    // the table, and a delete through the base pointer does not compile.
+    ~CommsChannelDispatcher() = default;
 };
 
 // Delivery to a channel of this process: the message is copied straight
 // into the destination's receive queue on the caller's thread.
-class CCIntraProcDispatcher : public CommsChannelDispatcher {
+class CCIntraProcDispatcher final : public CommsChannelDispatcher {
 public:
     // destination is not owned and must outlive the dispatcher.
     explicit CCIntraProcDispatcher(CommsChannel* destination);
@@ -41,7 +48,7 @@ private:
 // Delivery to a channel of another process on this host: the message is
 // encoded (data above 59750 bytes first moved to a spool file) and sent from
 // the sender's socket to 127.0.0.1:port in datagrams of at most 60000 bytes.
-class CCInterProcDispatcher : public CommsChannelDispatcher {
+class CCInterProcDispatcher final : public CommsChannelDispatcher {
 public:
     // Data above this many bytes travels in a spool file.
     static constexpr int FILE_THRESHOLD = 59750;
@@ -60,7 +67,7 @@ private:
 
 // Marks a channel on another host. Such delivery is not provided: sendMsg
 // always answers 0 and sends nothing.
-class CCDistribProcDispatcher : public CommsChannelDispatcher {
+class CCDistribProcDispatcher final : public CommsChannelDispatcher {
 public:
     int sendMsg(CommsChannel* sender, CommsChannelDataContainerMessage& message) override;
 };
@@ -68,7 +75,7 @@ public:
 // Stands for a name that no process registered: prints one line naming
 // source, destination, callback channel and data on standard output and
 // answers 0.
-class CCNullDispatcher : public CommsChannelDispatcher {
+class CCNullDispatcher final : public CommsChannelDispatcher {
 public:
     int sendMsg(CommsChannel* sender, CommsChannelDataContainerMessage& message) override;
 };
@@ -76,7 +83,9 @@ public:
 // Chooses a dispatcher for a locator entry: none, a null dispatcher; a
 // channel of this process, intra-process; an empty address, inter-process on
 // the entry's port; any other address, the distributed dispatcher. The
-// result is new and owned by the caller. Stateless; usable from any thread.
+// result is new and owned by the caller, who deletes it through its own
+// class (see dynamic_cast) or hands it to a CommsChannelLocatorEntry.
+// Stateless; usable from any thread.
 class CommsChannelDispatcherFactory {
 public:
     CommsChannelDispatcherFactory();

@@ -11,8 +11,9 @@
 // Thread safety: every public operation may be called from any application
 // thread. m_pmapLock guards both name maps; m_prequestLock guards the request
 // map and the request-id counter; no operation holds both except the
-// destructor (map lock first). The file-scope instance lock is only held
-// together with the shutdown lock, taken inside it.
+// destructor (map lock first). The file-scope instance lock is taken before
+// the map lock, never inside it. No operation waits for a send while it holds
+// a lock: a send shares the ownership of its dispatcher with the entry.
 #ifndef COMMSCHANNEL_COMMS_CHANNEL_LOCATOR_H
 #define COMMSCHANNEL_COMMS_CHANNEL_LOCATOR_H
 
@@ -26,6 +27,8 @@ class CommsChannelLocatorEntry;
 class CommsChannelLocatorUpdateMessage;
 class CommsChannelMessage;
 class CommsChannelPortResponseMessage;
+class DispatcherShare;
+class LocatorLink;
 class Semaphore;
 
 class CommsChannelLocator {
@@ -50,7 +53,10 @@ public:
     int registerChannel(CommsChannel* channel);
     // Removes the entry of the channel's name (whichever channel holds it)
     // and announces the removal. 1 when an entry was removed. When the local
-    // map is left empty, the locator deletes itself before returning.
+    // map is left empty, the locator deletes itself before returning. Before
+    // returning it also waits until no send that found the removed entry is
+    // still queuing into the channel, holding no lock meanwhile; it never
+    // waits for sends to other names.
     int unregisterChannel(CommsChannel* channel);
 
     // The dispatcher for a destination name: this process's channel first,
@@ -60,7 +66,10 @@ public:
     // the locator shuts down. Blocks up to INITIAL_UPDATE_TIMEOUT ms on a
     // process's first resolution if the resolver has not answered yet; the
     // first update releases one such waiter only (deliberately not passed
-    // on), so concurrent first resolutions should be avoided.
+    // on), so concurrent first resolutions should be avoided. The dispatcher
+    // stays owned by its entry: a removal of the name that runs meanwhile
+    // may delete it as soon as this returns. The channel's own sends do not
+    // go through here; they share the dispatcher until they are done.
     CommsChannelDispatcher* getDispatcher(const std::string& channelName);
 
     // Entries in the local map plus entries in the remote map. No lock.
@@ -85,27 +94,41 @@ public:
 
 private:
     friend class CommsChannelLocatorInspector;  // white-box access for the unit tests
-    friend class CommsChannel;                  // sends through acquireDispatcher
+    friend class CommsChannel;                  // registers, unregisters and sends through the members below
 
-    // As getDispatcher, but the dispatcher stays valid until the caller
-    // hands it back with releaseDispatcher: entries are not deleted while a
-    // send through them is under way. Used by the channel's send path.
-    CommsChannelDispatcher* acquireDispatcher(const std::string& channelName);
-    void releaseDispatcher(CommsChannelDispatcher* dispatcher);
-    CommsChannelDispatcher* resolve(const std::string& channelName, bool hold);
-    // Counts a send that starts through an entry's dispatcher.
-    // REQUIRES: m_pmapLock is held.
-    void beginSend();
-    // Waits until no send holds a dispatcher. Holding the map lock keeps
-    // new sends from starting, so entries can then be deleted safely.
-    // REQUIRES: m_pmapLock is held.
-    void waitForSendsToDrain();
+    struct PortWaiter;
+
+    // Registration and removal for the channel object: the current locator
+    // is found (or created) and used under the instance lock, so that the
+    // removal of the process's last channel, which deletes the locator,
+    // cannot happen between another channel finding it and using it.
+    static int registerWithInstance(CommsChannel* channel);
+    static int unregisterFromInstance(CommsChannel* channel);
+    // The current locator, created if there is none.
+    // REQUIRES: the instance lock is held.
+    static CommsChannelLocator* currentOrNew();
+
+    // Removes the channel's entry and deletes this locator when that left
+    // the local map empty. A send may still be queuing into the channel
+    // through the removed entry; *drain then receives a share of its
+    // dispatcher, which the caller waits on and gives back once it holds no
+    // lock (see DispatcherShare). REQUIRES: the instance lock is held.
+    int unregisterLocked(CommsChannel* channel, DispatcherShare** drain);
+
+    // As getDispatcher, and in addition *share receives a share of the
+    // dispatcher (null for the shared null dispatcher), which keeps it alive
+    // until the caller gives it back after sendMsg. Used by the send path.
+    CommsChannelDispatcher* acquireDispatcher(const std::string& channelName, DispatcherShare** share);
+    CommsChannelDispatcher* resolve(const std::string& channelName, DispatcherShare** share);
+    // sendChannelPortRequest, telling the caller whether the locator's
+    // destruction released it (then the locator must not be touched again).
+    int requestPort(const std::string& channelName, bool* cancelled);
 
     static CommsChannelLocator* theInstance;
 
     std::map<std::string, CommsChannelLocatorEntry*>* m_plocalMap;   // guarded by m_pmapLock
     std::map<std::string, CommsChannelLocatorEntry*>* m_premoteMap;  // guarded by m_pmapLock
-    std::map<int, Semaphore*>* m_prequestMap;                        // guarded by m_prequestLock
+    std::map<int, PortWaiter*>* m_prequestMap;                       // guarded by m_prequestLock
     long m_requestId;                                                // guarded by m_prequestLock
     int m_socket;
     int m_port;
@@ -113,10 +136,7 @@ private:
     Semaphore* m_pmapLock;
     Semaphore* m_pinitialUpdateSem;
     Semaphore* m_prequestLock;
-    Semaphore* m_psendCountLock;  // guards m_activeSends and m_drainWaiting
-    Semaphore* m_psendsDrained;   // given when the last active send ends while a deleter waits
-    int m_activeSends;
-    bool m_drainWaiting;
+    LocatorLink* m_plink;  // this instance's thread, stop flag and socket copy; owned
 };
 
 #endif

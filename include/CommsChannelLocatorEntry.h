@@ -2,9 +2,11 @@
 // port, the channel object when it lives in this process, an address (empty
 // for this host) and the dispatcher that sends to it.
 //
-// The entry owns its dispatcher and deletes it when it goes; it never owns
-// the channel. It has no lock: the locator changes entries only under its
-// map lock.
+// The entry owns its dispatcher, together with any send that is using it at
+// the moment: the dispatcher is deleted (through its own class) when the
+// entry lets go of it and no send is still under way through it, by
+// whichever of them finishes last. The entry never owns the channel. It has
+// no lock: the locator changes entries only under its map lock.
 #ifndef COMMSCHANNEL_COMMS_CHANNEL_LOCATOR_ENTRY_H
 #define COMMSCHANNEL_COMMS_CHANNEL_LOCATOR_ENTRY_H
 
@@ -12,6 +14,7 @@
 
 class CommsChannel;
 class CommsChannelDispatcher;
+class DispatcherShare;
 
 class CommsChannelLocatorEntry {
 public:
@@ -19,7 +22,8 @@ public:
     CommsChannelLocatorEntry(const std::string& channelName, int port, const std::string& ipAddress);
     // Name and port from the channel, which becomes the handle.
     explicit CommsChannelLocatorEntry(CommsChannel* channel);
-    // Deletes the dispatcher, never the channel.
+    // Lets go of the dispatcher (deleted now, or by the last send still
+    // using it), never the channel.
     ~CommsChannelLocatorEntry();
 
     CommsChannelLocatorEntry(const CommsChannelLocatorEntry&) = delete;
@@ -36,16 +40,25 @@ public:
     CommsChannelDispatcher* dispatcher() const;
     // Takes ownership of newDispatcher in every case. The first dispatcher
     // an entry gets is kept: offering a different one deletes the offered
-    // one at once. Offering null deletes the current one. Deliberate: a port
-    // change for a known name does not change where its sends go.
+    // one at once. Offering null drops the current one (deleted at once,
+    // or by the last send still using it). Deliberate: a port change for a
+    // known name does not change where its sends go. A dispatcher of a class
+    // other than the library's four is deleted only if its class was added
+    // to the library's deleters (tests do this); otherwise it is left alone.
     void setDispatcher(CommsChannelDispatcher* newDispatcher);
 
 private:
+    friend class CommsChannelLocator;  // shares the dispatcher with sends
+
+    // The shared ownership of m_pdispatcher; null exactly when it is null.
+    DispatcherShare* dispatcherShare() const { return m_pshare; }
+
     std::string m_channelName;
     int m_port;
     CommsChannel* m_pchannelHandle;
     std::string m_ipAddress;
     CommsChannelDispatcher* m_pdispatcher;
+    DispatcherShare* m_pshare;  // the entry's own share of m_pdispatcher
 };
 
 #endif

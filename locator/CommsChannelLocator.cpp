@@ -8,6 +8,7 @@
 #include "CommsChannelPortResponseMessage.h"
 #include "CommsChannelRegisterLocatorMessage.h"
 #include "CommsChannelUnregisterLocatorMessage.h"
+#include "DispatcherShare.h"
 #include "LocatorState.h"
 #include "Semaphore.h"
 #include "Threader.h"
@@ -19,17 +20,62 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
 CommsChannelLocator* CommsChannelLocator::theInstance = nullptr;
 
+LocatorLink::LocatorLink(CommsChannelLocator* owner, int socketFd, unsigned long instanceSerial)
+    : locator(owner), socket(socketFd), serial(instanceSerial), threadId(0),
+      m_stateLock(Semaphore::AVAILABLE, 1, false), m_stopRequested(false), m_applying(false),
+      m_notApplying(0, 1, false)
+{
+}
+
+bool LocatorLink::requestStop()
+{
+    m_stateLock.take(-1);
+    m_stopRequested = true;
+    const bool busy = m_applying;
+    m_stateLock.give();
+    return busy;
+}
+
+bool LocatorLink::stopRequested()
+{
+    m_stateLock.take(-1);
+    const bool requested = m_stopRequested;
+    m_stateLock.give();
+    return requested;
+}
+
+bool LocatorLink::beginApplying()
+{
+    m_stateLock.take(-1);
+    const bool allowed = !m_stopRequested;
+    m_applying = allowed;
+    m_stateLock.give();
+    return allowed;
+}
+
+void LocatorLink::endApplying()
+{
+    m_stateLock.take(-1);
+    m_applying = false;
+    const bool destructorWaiting = m_stopRequested;
+    m_stateLock.give();
+    if (destructorWaiting) {
+        m_notApplying.give();
+    }
+}
+
+void LocatorLink::waitUntilNotApplying() { m_notApplying.take(-1); }
+
 namespace locator_state {
 
-bool shutdownRequested = false;
-bool processingMessage = false;
-int locatorSocket = 0;
-unsigned long locatorThreadId = 0;
+std::atomic<ThreadObserver> threadStartedObserver(nullptr);
+std::atomic<ThreadObserver> threadJoinedObserver(nullptr);
 
 Semaphore& instanceLock()
 {
@@ -37,63 +83,24 @@ Semaphore& instanceLock()
     return *lock;
 }
 
-Semaphore& shutdownLock()
-{
-    static Semaphore* lock = new Semaphore(Semaphore::AVAILABLE, 1, false);
-    return *lock;
-}
-
-Semaphore& processingIdle()
-{
-    static Semaphore* idle = new Semaphore(0, 1, false);
-    return *idle;
-}
-
-bool requestShutdown()
-{
-    shutdownLock().take(-1);
-    shutdownRequested = true;
-    const bool busy = processingMessage;
-    shutdownLock().give();
-    return busy;
-}
-
-bool isShutdownRequested()
-{
-    shutdownLock().take(-1);
-    const bool requested = shutdownRequested;
-    shutdownLock().give();
-    return requested;
-}
-
 namespace {
 
-// Marks the start of applying a message; false when shutdown was requested,
-// in which case the message must not be applied.
-bool beginProcessing()
-{
-    shutdownLock().take(-1);
-    const bool allowed = !shutdownRequested;
-    processingMessage = allowed;
-    shutdownLock().give();
-    return allowed;
-}
+std::atomic<unsigned long> lastSerial(0);
 
-void endProcessing()
+std::uint32_t readHostOrderTotalLength(const char* header)
 {
-    shutdownLock().take(-1);
-    processingMessage = false;
-    const bool destructorWaiting = shutdownRequested;
-    shutdownLock().give();
-    if (destructorWaiting) {
-        processingIdle().give();
-    }
+    // Bytes 4 to 7 of every encoding: its total length, header included, in
+    // this host's byte order.
+    std::uint32_t length = 0;
+    std::memcpy(&length, header + 4, sizeof length);
+    return length;
 }
 
 // Reads one datagram from the socket and decodes it. Null when nothing
 // could be read or decoded.
 CommsChannelMessage* readMessage(int socketFd, CommsChannelMessageCreator& creator)
 {
+    const std::size_t HEADER_SIZE = 8;
     int count = 0;
     if (ioctl(socketFd, FIONREAD, &count) == -1) {
         perror("CommsChannelLocator::receiveLocatorUpdateMessage: ioctl failed");
@@ -111,51 +118,52 @@ CommsChannelMessage* readMessage(int socketFd, CommsChannelMessageCreator& creat
     if (received == -1) {
         perror("receiveLocatorUpdateMessage() recvfrom");
     }
-    // Decoding is bounded by the bytes actually received, so a datagram
-    // whose header claims more cannot make it read past the buffer.
-    CommsChannelMessage* message =
-        received > 0 ? creator.decodeMessage(buffer, static_cast<unsigned int>(received)) : nullptr;
+    // The decoder reads as many bytes as the header announces, so the
+    // datagram must hold a whole header and at least that many bytes;
+    // anything else, from whatever sender, is dropped here.
+    CommsChannelMessage* message = nullptr;
+    if (received >= static_cast<ssize_t>(HEADER_SIZE) &&
+        readHostOrderTotalLength(buffer) <= static_cast<std::size_t>(received)) {
+        message = creator.decodeMessage(buffer);
+    }
     delete[] buffer;
     return message;
 }
 
 }  // namespace
 
-void* receiveLocatorUpdateMessage(void* /*unused*/)
+void* receiveLocatorUpdateMessage(void* argument)
 {
     static CommsChannelMessageCreator creator;
-    // The thread works on its own copy of the descriptor: a locator created
-    // while this one is still ending sets the shared variable anew.
-    const int socketFd = __atomic_load_n(&locatorSocket, __ATOMIC_ACQUIRE);
-    while (!isShutdownRequested()) {
+    // Everything this thread uses belongs to its own locator: a locator
+    // created while this one is still ending has a link of its own.
+    LocatorLink* link = static_cast<LocatorLink*>(argument);
+    const int socketFd = link->socket;
+    while (!link->stopRequested()) {
         fd_set readSet;
         FD_ZERO(&readSet);
         FD_SET(socketFd, &readSet);
         if (select(socketFd + 1, &readSet, nullptr, nullptr, nullptr) < 0) {
             continue;
         }
-        if (isShutdownRequested()) {
+        if (link->stopRequested()) {
             break;
         }
         CommsChannelMessage* message = socketFd != 0 ? readMessage(socketFd, creator) : nullptr;
-        if (message != nullptr && beginProcessing()) {
+        if (message != nullptr && link->beginApplying()) {
             // type() is asked twice; it has no side effects.
             if (message->type() == COMMS_MSG_LOCATOR_UPDATE) {
-                CommsChannelLocator::instance()->processLocatorUpdate(
-                    static_cast<CommsChannelLocatorUpdateMessage*>(message));
+                link->locator->processLocatorUpdate(static_cast<CommsChannelLocatorUpdateMessage*>(message));
             } else if (message->type() == COMMS_MSG_PORT_RESPONSE) {
-                CommsChannelLocator::instance()->processChannelPortResponse(
-                    static_cast<CommsChannelPortResponseMessage*>(message));
+                link->locator->processChannelPortResponse(static_cast<CommsChannelPortResponseMessage*>(message));
             }
-            endProcessing();
+            link->endApplying();
         }
         delete message;
     }
     // The socket is closed by the destructor once this thread has ended:
-    // the thread may see the shutdown before the destructor has sent its
-    // last datagrams from it.
-    int expected = socketFd;
-    __atomic_compare_exchange_n(&locatorSocket, &expected, 0, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+    // the thread may see the stop before the destructor has sent its last
+    // datagrams from it.
     return nullptr;
 }
 
@@ -170,15 +178,46 @@ CommsChannelLocator* CommsChannelLocator::instance()
         return current;
     }
     instanceLock().take(-1);
-    if (theInstance == nullptr) {
-        shutdownLock().take(-1);
-        shutdownRequested = false;
-        shutdownLock().give();
-        __atomic_store_n(&theInstance, new CommsChannelLocator(), __ATOMIC_RELEASE);
-    }
-    current = theInstance;
+    current = currentOrNew();
     instanceLock().give();
     return current;
+}
+
+CommsChannelLocator* CommsChannelLocator::currentOrNew()
+{
+    // A new locator starts with a link of its own, stop flag clear; nothing
+    // that a locator still ending may need is reset here.
+    if (theInstance == nullptr) {
+        __atomic_store_n(&theInstance, new CommsChannelLocator(), __ATOMIC_RELEASE);
+    }
+    return theInstance;
+}
+
+int CommsChannelLocator::registerWithInstance(CommsChannel* channel)
+{
+    instanceLock().take(-1);
+    const int registered = currentOrNew()->registerChannel(channel);
+    instanceLock().give();
+    return registered;
+}
+
+int CommsChannelLocator::unregisterFromInstance(CommsChannel* channel)
+{
+    instanceLock().take(-1);
+    CommsChannelLocator* locator = currentOrNew();
+    DispatcherShare* drain = nullptr;
+    int removed = 0;
+    if (!locator->m_plink->stopRequested() && channel != nullptr) {
+        removed = locator->unregisterLocked(channel, &drain);
+    }
+    instanceLock().give();
+    // Sends into the channel that found its entry before it went end here;
+    // no lock is held, so they can take whatever they need.
+    if (drain != nullptr) {
+        drain->waitUntilSoleHolder();
+        drain->release();
+    }
+    return removed;
 }
 
 CommsChannelLocator::CommsChannelLocator()
@@ -188,17 +227,18 @@ CommsChannelLocator::CommsChannelLocator()
     m_premoteMap = new std::map<std::string, CommsChannelLocatorEntry*>();
     m_pmapLock = new Semaphore(1, 1, false);
     m_pinitialUpdateSem = new Semaphore(0, 1, false);
-    m_prequestMap = new std::map<int, Semaphore*>();
+    m_prequestMap = new std::map<int, PortWaiter*>();
     m_prequestLock = new Semaphore(1, 1, false);
-    m_psendCountLock = new Semaphore(1, 1, false);
-    m_psendsDrained = new Semaphore(0, 1, false);
-    m_activeSends = 0;
-    m_drainWaiting = false;
 
     createResolverConnection();
-    __atomic_store_n(&locatorSocket, m_socket, __ATOMIC_RELEASE);
+    m_plink = new LocatorLink(this, m_socket, ++lastSerial);
     Threader threader;
-    threader.spawn(&locatorThreadId, receiveLocatorUpdateMessage, nullptr, "", TARN_PRIORITY_HIGH, 0);
+    if (threader.spawn(&m_plink->threadId, receiveLocatorUpdateMessage, m_plink, "", TARN_PRIORITY_HIGH, 0) == 1) {
+        ThreadObserver observer = threadStartedObserver.load();
+        if (observer != nullptr) {
+            observer(m_plink->serial);
+        }
+    }
 
     // Sent into the void when no resolver listens; UDP does not mind.
     CommsChannelRegisterLocatorMessage registration;
@@ -208,22 +248,21 @@ CommsChannelLocator::CommsChannelLocator()
 
 CommsChannelLocator::~CommsChannelLocator()
 {
-    // Read now: a locator created after theInstance is cleared below spawns
-    // a thread of its own into the shared variable.
-    const unsigned long threadId = locatorThreadId;
     // Once the flag is set the locator thread applies no further message;
-    // one that it is applying right now is allowed to finish first.
-    if (requestShutdown()) {
-        processingIdle().take(-1);
+    // one that it is applying right now is allowed to finish first. The
+    // flag is this instance's own: a locator created later has another.
+    if (m_plink->requestStop()) {
+        m_plink->waitUntilNotApplying();
     }
 
     CommsChannelUnregisterLocatorMessage unregistration;
     unregistration.setPort(m_port);
     send(unregistration);
 
+    // Entries go without waiting for anything: a send still under way
+    // through one of their dispatchers keeps that dispatcher until it
+    // returns.
     m_pmapLock->take(-1);
-    // Sends already under way finish before their entries go.
-    waitForSendsToDrain();
     while (!m_plocalMap->empty()) {
         std::map<std::string, CommsChannelLocatorEntry*>::iterator first = m_plocalMap->begin();
         CommsChannelLocatorEntry* entry = first->second;
@@ -242,11 +281,14 @@ CommsChannelLocator::~CommsChannelLocator()
     delete m_premoteMap;
     m_premoteMap = nullptr;
 
-    // Release every thread still waiting for a port answer.
+    // Release every thread still waiting for a port answer. Each learns
+    // from its waiter that it was cancelled and returns without touching
+    // this locator again.
     m_prequestLock->take(-1);
-    for (std::map<int, Semaphore*>::iterator it = m_prequestMap->begin(); it != m_prequestMap->end(); ++it) {
+    for (std::map<int, PortWaiter*>::iterator it = m_prequestMap->begin(); it != m_prequestMap->end(); ++it) {
         if (it->second != nullptr) {
-            it->second->give();
+            it->second->cancelled = true;
+            it->second->answered.give();
         }
     }
     m_prequestMap->clear();
@@ -260,16 +302,23 @@ CommsChannelLocator::~CommsChannelLocator()
     delete m_pmapLock;
     delete m_pinitialUpdateSem;
     delete m_prequestLock;
-    delete m_psendCountLock;
-    delete m_psendsDrained;
-    __atomic_store_n(&theInstance, static_cast<CommsChannelLocator*>(nullptr), __ATOMIC_RELEASE);
+    // Only this instance is cleared: should another one already stand in
+    // theInstance, it is not ours to touch.
+    CommsChannelLocator* self = this;
+    __atomic_compare_exchange_n(&theInstance, &self, static_cast<CommsChannelLocator*>(nullptr), false,
+                                __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
     Threader threader;
-    threader.waitForThreadCompletion(threadId);
+    threader.waitForThreadCompletion(m_plink->threadId);
+    ThreadObserver observer = threadJoinedObserver.load();
+    if (observer != nullptr) {
+        observer(m_plink->serial);
+    }
     // Only now: the unregistration and the wake-up above went out through
     // this socket, and the thread no longer waits on it.
     if (m_socket > 0) {
         close(m_socket);
     }
+    delete m_plink;
 }
 
 int CommsChannelLocator::createResolverConnection()

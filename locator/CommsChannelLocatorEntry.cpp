@@ -2,26 +2,33 @@
 
 #include "CommsChannel.h"
 #include "CommsChannelDispatcher.h"
+#include "DispatcherDeleters.h"
+#include "DispatcherShare.h"
 
 CommsChannelLocatorEntry::CommsChannelLocatorEntry()
-    : m_port(0), m_pchannelHandle(nullptr), m_pdispatcher(nullptr)
+    : m_port(0), m_pchannelHandle(nullptr), m_pdispatcher(nullptr), m_pshare(nullptr)
 {
 }
 
 CommsChannelLocatorEntry::CommsChannelLocatorEntry(const std::string& channelName, int port,
                                                    const std::string& ipAddress)
     : m_channelName(channelName), m_port(port), m_pchannelHandle(nullptr), m_ipAddress(ipAddress),
-      m_pdispatcher(nullptr)
+      m_pdispatcher(nullptr), m_pshare(nullptr)
 {
 }
 
 CommsChannelLocatorEntry::CommsChannelLocatorEntry(CommsChannel* channel)
     : m_channelName(channel->channelName()), m_port(channel->port()), m_pchannelHandle(channel),
-      m_pdispatcher(nullptr)
+      m_pdispatcher(nullptr), m_pshare(nullptr)
 {
 }
 
-CommsChannelLocatorEntry::~CommsChannelLocatorEntry() { delete m_pdispatcher; }
+CommsChannelLocatorEntry::~CommsChannelLocatorEntry()
+{
+    if (m_pshare != nullptr) {
+        m_pshare->release();
+    }
+}
 
 const std::string& CommsChannelLocatorEntry::channelName() const { return m_channelName; }
 void CommsChannelLocatorEntry::setChannelName(const std::string& channelName) { m_channelName = channelName; }
@@ -37,12 +44,16 @@ void CommsChannelLocatorEntry::setDispatcher(CommsChannelDispatcher* newDispatch
 {
     if (m_pdispatcher == nullptr) {
         m_pdispatcher = newDispatcher;
+        m_pshare = newDispatcher != nullptr ? new DispatcherShare(newDispatcher) : nullptr;
     } else if (newDispatcher == nullptr) {
-        delete m_pdispatcher;
+        // A send under way keeps the dispatcher until it returns.
+        m_pshare->release();
+        m_pshare = nullptr;
         m_pdispatcher = nullptr;
     } else if (newDispatcher != m_pdispatcher) {
         // The first dispatcher stays; the locator relies on this when a
-        // known name is announced again with another port.
-        delete newDispatcher;
+        // known name is announced again with another port. The offered one
+        // was never shared, so it goes at once.
+        dispatcher_deleters::destroy(newDispatcher);
     }
 }

@@ -7,10 +7,9 @@
 #include "CommsChannelLocatorUpdateMessage.h"
 #include "CommsChannelPortRequestMessage.h"
 #include "CommsChannelPortResponseMessage.h"
+#include "DispatcherShare.h"
 #include "LocatorState.h"
 #include "Semaphore.h"
-
-using locator_state::isShutdownRequested;
 
 namespace {
 
@@ -51,7 +50,7 @@ void learnRemote(EntryMap* remoteMap, const std::string& name, int port)
 
 int CommsChannelLocator::registerChannel(CommsChannel* channel)
 {
-    if (isShutdownRequested()) {
+    if (m_plink->stopRequested()) {
         return 0;
     }
     m_pmapLock->take(-1);
@@ -75,9 +74,23 @@ int CommsChannelLocator::registerChannel(CommsChannel* channel)
 
 int CommsChannelLocator::unregisterChannel(CommsChannel* channel)
 {
-    if (isShutdownRequested() || channel == nullptr) {
+    if (m_plink->stopRequested() || channel == nullptr) {
         return 0;
     }
+    locator_state::instanceLock().take(-1);
+    DispatcherShare* drain = nullptr;
+    const int removed = unregisterLocked(channel, &drain);
+    locator_state::instanceLock().give();
+    // This locator may be gone by now; the share is not part of it.
+    if (drain != nullptr) {
+        drain->waitUntilSoleHolder();
+        drain->release();
+    }
+    return removed;
+}
+
+int CommsChannelLocator::unregisterLocked(CommsChannel* channel, DispatcherShare** drain)
+{
     int removed = 0;
     m_pmapLock->take(-1);
     EntryMap::iterator it = m_plocalMap->find(channel->channelName());
@@ -86,15 +99,23 @@ int CommsChannelLocator::unregisterChannel(CommsChannel* channel)
         m_plocalMap->erase(it);
         sendChannelUnregistration(entry);
         // A sender in this process may be queuing into the channel through
-        // this entry right now; the channel goes away once we return.
-        waitForSendsToDrain();
+        // this entry right now, and the channel goes away once our caller
+        // returns. We keep a share of the dispatcher so that the caller can
+        // wait for such sends to end, after it has given every lock. The
+        // entry itself goes at once.
+        DispatcherShare* share = entry->dispatcherShare();
+        if (share != nullptr) {
+            share->acquire();
+            *drain = share;
+        }
         delete entry;
         removed = 1;
     }
     const bool lastLocalChannel = m_plocalMap->empty();
     m_pmapLock->give();
     // The locator lives exactly as long as this process has channels; the
-    // next named channel creates a new one.
+    // next named channel creates a new one. The instance lock, held by our
+    // caller, keeps anyone from finding this locator in the meantime.
     if (lastLocalChannel) {
         delete this;
     }
@@ -120,10 +141,16 @@ int CommsChannelLocator::sendChannelUnregistration(CommsChannelLocatorEntry* ent
 
 int CommsChannelLocator::sendChannelPortRequest(const std::string& channelName)
 {
-    Semaphore answered(0, 1, false);
+    bool cancelled = false;
+    return requestPort(channelName, &cancelled);
+}
+
+int CommsChannelLocator::requestPort(const std::string& channelName, bool* cancelled)
+{
+    PortWaiter waiter;
     m_prequestLock->take(-1);
     ++m_requestId;
-    m_prequestMap->insert(std::make_pair(static_cast<int>(m_requestId), &answered));
+    m_prequestMap->insert(std::make_pair(static_cast<int>(m_requestId), &waiter));
     CommsChannelPortRequestMessage request;
     request.setRequestId(m_requestId);
     request.setChannel(channelName);
@@ -132,7 +159,8 @@ int CommsChannelLocator::sendChannelPortRequest(const std::string& channelName)
     const int sent = send(request);
     // Waits even when the request could not be sent: such a caller is
     // released only by the locator's destruction.
-    answered.take(-1);
+    waiter.answered.take(-1);
+    *cancelled = waiter.cancelled;
     return sent;
 }
 
@@ -147,9 +175,9 @@ void CommsChannelLocator::processChannelPortResponse(CommsChannelPortResponseMes
         m_pmapLock->give();
     }
     m_prequestLock->take(-1);
-    std::map<int, Semaphore*>::iterator waiter = m_prequestMap->find(static_cast<int>(requestId));
+    std::map<int, PortWaiter*>::iterator waiter = m_prequestMap->find(static_cast<int>(requestId));
     if (waiter != m_prequestMap->end() && waiter->second != nullptr) {
-        waiter->second->give();
+        waiter->second->answered.give();
     }
     m_prequestMap->erase(static_cast<int>(requestId));
     m_prequestLock->give();
@@ -167,9 +195,10 @@ void CommsChannelLocator::processLocatorUpdate(CommsChannelLocatorUpdateMessage*
         if (type != CommsChannelLocatorUpdateMessage::CHANNEL_ADDED) {
             EntryMap::iterator it = m_premoteMap->find(name);
             if (it != m_premoteMap->end()) {
+                // A send under way through the entry's dispatcher keeps it
+                // until it returns; nothing waits for that here.
                 CommsChannelLocatorEntry* entry = it->second;
                 m_premoteMap->erase(it);
-                waitForSendsToDrain();
                 delete entry;
             }
         } else {
@@ -185,52 +214,18 @@ void CommsChannelLocator::processLocatorUpdate(CommsChannelLocatorUpdateMessage*
 
 CommsChannelDispatcher* CommsChannelLocator::getDispatcher(const std::string& channelName)
 {
-    return resolve(channelName, false);
+    return resolve(channelName, nullptr);
 }
 
-CommsChannelDispatcher* CommsChannelLocator::acquireDispatcher(const std::string& channelName)
+CommsChannelDispatcher* CommsChannelLocator::acquireDispatcher(const std::string& channelName,
+                                                               DispatcherShare** share)
 {
-    return resolve(channelName, true);
+    return resolve(channelName, share);
 }
 
-void CommsChannelLocator::releaseDispatcher(CommsChannelDispatcher* dispatcher)
+CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelName, DispatcherShare** share)
 {
-    if (dispatcher == nullptr || dispatcher == sharedNullDispatcher()) {
-        return;
-    }
-    m_psendCountLock->take(-1);
-    --m_activeSends;
-    if (m_activeSends == 0 && m_drainWaiting) {
-        m_drainWaiting = false;
-        m_psendsDrained->give();
-    }
-    m_psendCountLock->give();
-}
-
-void CommsChannelLocator::beginSend()
-{
-    m_psendCountLock->take(-1);
-    ++m_activeSends;
-    m_psendCountLock->give();
-}
-
-void CommsChannelLocator::waitForSendsToDrain()
-{
-    for (;;) {
-        m_psendCountLock->take(-1);
-        if (m_activeSends == 0) {
-            m_psendCountLock->give();
-            return;
-        }
-        m_drainWaiting = true;
-        m_psendCountLock->give();
-        m_psendsDrained->take(-1);
-    }
-}
-
-CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelName, bool hold)
-{
-    if (isShutdownRequested()) {
+    if (m_plink->stopRequested()) {
         return nullptr;
     }
     if (!m_initialUpdateReceived) {
@@ -239,14 +234,18 @@ CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelN
         m_pinitialUpdateSem->take(INITIAL_UPDATE_TIMEOUT);
     }
     // The dispatcher is read under the map lock: once the lock is given, a
-    // removal may delete the entry (unless the send is counted, with hold).
+    // removal may let go of the entry's share. A caller that asked for a
+    // share of its own gets it here, while the entry still holds one.
     // REQUIRES: m_pmapLock is held.
-    auto dispatcherOf = [this, hold](CommsChannelLocatorEntry* entry) -> CommsChannelDispatcher* {
-        CommsChannelDispatcher* dispatcher = entry != nullptr ? entry->dispatcher() : nullptr;
-        if (hold && dispatcher != nullptr) {
-            beginSend();
+    auto dispatcherOf = [share](CommsChannelLocatorEntry* entry) -> CommsChannelDispatcher* {
+        if (entry == nullptr || entry->dispatcher() == nullptr) {
+            return nullptr;
         }
-        return dispatcher;
+        if (share != nullptr) {
+            entry->dispatcherShare()->acquire();
+            *share = entry->dispatcherShare();
+        }
+        return entry->dispatcher();
     };
     m_pmapLock->take(-1);
     CommsChannelLocatorEntry* entry = find(m_plocalMap, channelName);
@@ -256,13 +255,22 @@ CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelN
     CommsChannelDispatcher* dispatcher = dispatcherOf(entry);
     m_pmapLock->give();
 
-    if (entry == nullptr && sendChannelPortRequest(channelName) == 1) {
-        if (isShutdownRequested()) {
-            return nullptr;
+    if (entry == nullptr) {
+        bool cancelled = false;
+        const int sent = requestPort(channelName, &cancelled);
+        // Released by the locator's destruction: this object may be gone.
+        // The answer is the one a shutdown test would give.
+        if (cancelled) {
+            return sent == 1 ? nullptr : sharedNullDispatcher();
         }
-        m_pmapLock->take(-1);
-        dispatcher = dispatcherOf(find(m_premoteMap, channelName));
-        m_pmapLock->give();
+        if (sent == 1) {
+            if (m_plink->stopRequested()) {
+                return nullptr;
+            }
+            m_pmapLock->take(-1);
+            dispatcher = dispatcherOf(find(m_premoteMap, channelName));
+            m_pmapLock->give();
+        }
     }
     return dispatcher != nullptr ? dispatcher : sharedNullDispatcher();
 }

@@ -4,6 +4,7 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelDispatcher.h"
 #include "CommsChannelLocatorEntry.h"
+#include "DispatcherDeleters.h"
 #include "TestUtil.h"
 
 #include <memory>
@@ -13,19 +14,26 @@
 
 namespace {
 
+// Dispatchers have no virtual destructor: the caller that owns one deletes
+// it through the class it was created as.
+struct DeleteThroughOwnClass {
+    void operator()(CommsChannelDispatcher* dispatcher) const
+    {
+        EXPECT_TRUE(dispatcher_deleters::destroy(dispatcher));
+    }
+};
+typedef std::unique_ptr<CommsChannelDispatcher, DeleteThroughOwnClass> OwnedDispatcher;
+
 class CommsChannelDispatcherFactoryTest : public testing::Test {
 protected:
-    std::unique_ptr<CommsChannelDispatcher> create(CommsChannelLocatorEntry* entry)
-    {
-        return std::unique_ptr<CommsChannelDispatcher>(sut.createDispatcher(entry));
-    }
+    OwnedDispatcher create(CommsChannelLocatorEntry* entry) { return OwnedDispatcher(sut.createDispatcher(entry)); }
 
     CommsChannelDispatcherFactory sut;
 };
 
 TEST_F(CommsChannelDispatcherFactoryTest, NoEntryGetsTheNullDispatcher)
 {
-    std::unique_ptr<CommsChannelDispatcher> dispatcher = create(nullptr);
+    OwnedDispatcher dispatcher = create(nullptr);
 
     ASSERT_NE(nullptr, dispatcher);
     EXPECT_NE(nullptr, dynamic_cast<CCNullDispatcher*>(dispatcher.get()));
@@ -37,7 +45,7 @@ TEST_F(CommsChannelDispatcherFactoryTest, EntryWithChannelHandleGetsIntraProcess
     CommsChannelLocatorEntry entry;
     entry.setChannelHandle(&destination);
 
-    std::unique_ptr<CommsChannelDispatcher> dispatcher = create(&entry);
+    OwnedDispatcher dispatcher = create(&entry);
 
     CCIntraProcDispatcher* intra = dynamic_cast<CCIntraProcDispatcher*>(dispatcher.get());
     ASSERT_NE(nullptr, intra);
@@ -52,7 +60,7 @@ TEST_F(CommsChannelDispatcherFactoryTest, EntryWithEmptyAddressGetsInterProcessD
 {
     CommsChannelLocatorEntry entry("remote", 4321, "");
 
-    std::unique_ptr<CommsChannelDispatcher> dispatcher = create(&entry);
+    OwnedDispatcher dispatcher = create(&entry);
 
     CCInterProcDispatcher* inter = dynamic_cast<CCInterProcDispatcher*>(dispatcher.get());
     ASSERT_NE(nullptr, inter);
@@ -65,7 +73,7 @@ TEST_F(CommsChannelDispatcherFactoryTest, InterProcessDispatcherFromFactorySends
     ASSERT_TRUE(peer.ok());
     CommsChannel sender("");
     CommsChannelLocatorEntry entry("remote", peer.port(), "");
-    std::unique_ptr<CommsChannelDispatcher> dispatcher = create(&entry);
+    OwnedDispatcher dispatcher = create(&entry);
     CommsChannelDataContainerMessage message;
     message.setData("over udp", 8);
 
@@ -80,7 +88,7 @@ TEST_F(CommsChannelDispatcherFactoryTest, DefaultEntryGetsInterProcessDispatcher
 {
     CommsChannelLocatorEntry entry;
 
-    std::unique_ptr<CommsChannelDispatcher> dispatcher = create(&entry);
+    OwnedDispatcher dispatcher = create(&entry);
 
     CCInterProcDispatcher* inter = dynamic_cast<CCInterProcDispatcher*>(dispatcher.get());
     ASSERT_NE(nullptr, inter);
@@ -94,7 +102,7 @@ TEST_F(CommsChannelDispatcherFactoryTest, LoopbackAddressGetsDistributedDispatch
     CommsChannel sender("");
     CommsChannelLocatorEntry entry("remote", peer.port(), "127.0.0.1");
 
-    std::unique_ptr<CommsChannelDispatcher> dispatcher = create(&entry);
+    OwnedDispatcher dispatcher = create(&entry);
 
     ASSERT_NE(nullptr, dynamic_cast<CCDistribProcDispatcher*>(dispatcher.get()));
     CommsChannelDataContainerMessage message;
@@ -109,7 +117,7 @@ TEST_F(CommsChannelDispatcherFactoryTest, AnyNonEmptyAddressGetsDistributedDispa
     for (const char* address : {"10.0.0.7", "localhost", " ", "::1"}) {
         CommsChannelLocatorEntry entry("remote", 4321, address);
 
-        std::unique_ptr<CommsChannelDispatcher> dispatcher = create(&entry);
+        OwnedDispatcher dispatcher = create(&entry);
 
         EXPECT_NE(nullptr, dynamic_cast<CCDistribProcDispatcher*>(dispatcher.get())) << address;
     }
@@ -121,7 +129,7 @@ TEST_F(CommsChannelDispatcherFactoryTest, ChannelHandleWinsOverAnAddress)
     CommsChannelLocatorEntry entry("local", destination.port(), "127.0.0.1");
     entry.setChannelHandle(&destination);
 
-    std::unique_ptr<CommsChannelDispatcher> dispatcher = create(&entry);
+    OwnedDispatcher dispatcher = create(&entry);
 
     CCIntraProcDispatcher* intra = dynamic_cast<CCIntraProcDispatcher*>(dispatcher.get());
     ASSERT_NE(nullptr, intra);
@@ -132,8 +140,8 @@ TEST_F(CommsChannelDispatcherFactoryTest, EveryCallMakesANewDispatcherOwnedByThe
 {
     CommsChannelLocatorEntry entry("remote", 4321, "");
 
-    std::unique_ptr<CommsChannelDispatcher> first = create(&entry);
-    std::unique_ptr<CommsChannelDispatcher> second = create(&entry);
+    OwnedDispatcher first = create(&entry);
+    OwnedDispatcher second = create(&entry);
 
     EXPECT_NE(first.get(), second.get());
     EXPECT_EQ(nullptr, entry.dispatcher());

@@ -4,6 +4,7 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelDispatcher.h"
 #include "CommsChannelLocatorEntry.h"
+#include "DispatcherDeleters.h"
 
 #include <string>
 
@@ -11,11 +12,13 @@
 
 namespace {
 
-// A dispatcher that counts its own deletion.
-class TrackedDispatcher : public CommsChannelDispatcher {
+// A dispatcher that counts its own deletion. Dispatchers have no virtual
+// destructor; the entry deletes this one through its class, which the
+// fixture adds to the library's deleters.
+class TrackedDispatcher final : public CommsChannelDispatcher {
 public:
     explicit TrackedDispatcher(int* deletions) : m_deletions(deletions) {}
-    ~TrackedDispatcher() override { ++*m_deletions; }
+    ~TrackedDispatcher() { ++*m_deletions; }
     int sendMsg(CommsChannel* /*sender*/, CommsChannelDataContainerMessage& /*message*/) override { return 0; }
 
 private:
@@ -24,6 +27,8 @@ private:
 
 class CommsChannelLocatorEntryTest : public testing::Test {
 protected:
+    CommsChannelLocatorEntryTest() { dispatcher_deleters::add<TrackedDispatcher>(); }
+
     int deletionsOfA = 0;
     int deletionsOfB = 0;
 };

@@ -56,6 +56,14 @@ FakeResolver::FakeResolver(bool answerRegistration, bool answerRequests)
         m_fd = -1;
         return;
     }
+    // Tests that churn channels from many threads send the fake thousands of
+    // rows within moments. A datagram dropped on a full buffer would leave a
+    // locator without its first update, or a port requester waiting for
+    // ever, so the buffer is made large enough to hold such a burst.
+    const int RECEIVE_BUFFER = 8 * 1024 * 1024;
+    if (setsockopt(m_fd, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER) != 0) {
+        setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
+    }
     m_thread = std::thread([this] { run(); });
 }
 

@@ -1,6 +1,6 @@
-// Looks at the current locator's maps under its map lock, and runs a
-// possibly blocking getDispatcher on a thread of its own, for the locator
-// tests. Header only.
+// Looks at the current locator's maps under its map lock, runs a possibly
+// blocking getDispatcher on a thread of its own, and watches locator threads
+// start and be joined, for the locator tests. Header only.
 //
 // Usage:
 //   EXPECT_TRUE(cctest::waitUntil([] { return cctest::LocatorProbe::remotePort("x") == 40000; }));
@@ -13,6 +13,7 @@
 #include "CommsChannelDispatcher.h"
 #include "CommsChannelLocator.h"
 #include "CommsChannelLocatorEntry.h"
+#include "LocatorState.h"
 #include "WhiteBoxAccess.h"
 #include "Semaphore.h"
 #include "TestUtil.h"
@@ -20,8 +21,10 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace cctest {
 
@@ -151,6 +154,64 @@ private:
     };
     std::shared_ptr<State> m_state;
     std::thread m_thread;
+};
+
+// Records, for as long as it exists, the serial of every locator whose thread
+// was started and of every locator whose thread was joined. One at a time.
+//
+// Usage:
+//   cctest::LocatorThreadWatch watch;
+//   ... channels come and go ...
+//   EXPECT_EQ(watch.started(), watch.joined());
+class LocatorThreadWatch {
+public:
+    LocatorThreadWatch()
+    {
+        locator_state::threadStartedObserver = &onStarted;
+        locator_state::threadJoinedObserver = &onJoined;
+    }
+    ~LocatorThreadWatch()
+    {
+        locator_state::threadStartedObserver = nullptr;
+        locator_state::threadJoinedObserver = nullptr;
+        std::lock_guard<std::mutex> lock(mutex());
+        log(false).clear();
+        log(true).clear();
+    }
+    LocatorThreadWatch(const LocatorThreadWatch&) = delete;
+    LocatorThreadWatch& operator=(const LocatorThreadWatch&) = delete;
+
+    // Serials in the order of the events.
+    std::vector<unsigned long> started() { return copy(false); }
+    std::vector<unsigned long> joined() { return copy(true); }
+
+private:
+    static std::mutex& mutex()
+    {
+        static std::mutex* lock = new std::mutex();
+        return *lock;
+    }
+    static std::vector<unsigned long>& log(bool joins)
+    {
+        static std::vector<unsigned long>* startLog = new std::vector<unsigned long>();
+        static std::vector<unsigned long>* joinLog = new std::vector<unsigned long>();
+        return joins ? *joinLog : *startLog;
+    }
+    static void onStarted(unsigned long serial)
+    {
+        std::lock_guard<std::mutex> lock(mutex());
+        log(false).push_back(serial);
+    }
+    static void onJoined(unsigned long serial)
+    {
+        std::lock_guard<std::mutex> lock(mutex());
+        log(true).push_back(serial);
+    }
+    static std::vector<unsigned long> copy(bool joins)
+    {
+        std::lock_guard<std::mutex> lock(mutex());
+        return log(joins);
+    }
 };
 
 }  // namespace cctest
