@@ -56,6 +56,7 @@ void CommsChannel::construct()
     m_psparedMessages = new std::list<CommsChannelDataContainerMessage*>();
     m_prequestIdSemaphores = new std::map<int, Semaphore*>();
     m_prequestIdSemaphores->insert(std::make_pair(0, static_cast<Semaphore*>(nullptr)));
+    m_prequestWaiters = new std::map<long, Semaphore*>();
     m_msgTypePriorities.assign(MSG_TYPE_PRIORITIES,
                                MSG_TYPE_PRIORITIES + sizeof MSG_TYPE_PRIORITIES / sizeof MSG_TYPE_PRIORITIES[0]);
 
@@ -123,6 +124,7 @@ CommsChannel::~CommsChannel()
     }
     delete m_psparedMessages;
     delete m_prequestIdSemaphores;
+    delete m_prequestWaiters;
 }
 
 std::string& CommsChannel::channelName() { return m_channelName; }

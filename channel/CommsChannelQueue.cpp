@@ -73,14 +73,12 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsCh
     copy->setPriority(priority);
     Semaphore* target = m_pqueueSemaphore;
     if (copy->requestId() != 0) {
-        // The map is keyed by int: where long is wider, a non-zero id whose
-        // lower bits are zero finds the map's placeholder entry for id 0,
-        // which has no semaphore. Such a message answers no waiter, and its
-        // token goes to the queue like any other.
-        std::map<int, Semaphore*>::iterator waiter =
-            m_prequestIdSemaphores->find(static_cast<int>(copy->requestId()));
-        if (waiter != m_prequestIdSemaphores->end() && waiter->second != nullptr) {
-            target = waiter->second;
+        // Only a waiter registered for this very id takes the token; the
+        // map's entry for 0 (no waiter) and waiters for ids that merely
+        // share the low 32 bits never do.
+        Semaphore* waiter = requestWaiter(copy->requestId());
+        if (waiter != nullptr) {
+            target = waiter;
         }
     }
 
@@ -129,6 +127,31 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsCh
     }
     m_pqueueMutex->give();
     return 1;
+}
+
+void CommsChannel::registerRequestWaiter(long requestId, Semaphore* semaphore)
+{
+    // One id has one waiter: the first registration stays and a second one
+    // is not entered.
+    m_prequestWaiters->insert(std::make_pair(requestId, semaphore));
+    m_prequestIdSemaphores->insert(std::make_pair(static_cast<int>(requestId), semaphore));
+}
+
+void CommsChannel::unregisterRequestWaiter(long requestId)
+{
+    // Removes the entry for the id whoever made it.
+    m_prequestWaiters->erase(requestId);
+    m_prequestIdSemaphores->erase(static_cast<int>(requestId));
+    // The placeholder for id 0 is part of the int map for good.
+    if (static_cast<int>(requestId) == 0) {
+        m_prequestIdSemaphores->insert(std::make_pair(0, static_cast<Semaphore*>(nullptr)));
+    }
+}
+
+Semaphore* CommsChannel::requestWaiter(long requestId)
+{
+    std::map<long, Semaphore*>::iterator waiter = m_prequestWaiters->find(requestId);
+    return waiter != m_prequestWaiters->end() ? waiter->second : nullptr;
 }
 
 void CommsChannel::takeOut(std::list<CommsChannelDataContainerMessage*>::iterator position,

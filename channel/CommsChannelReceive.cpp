@@ -67,7 +67,7 @@ int CommsChannel::receiveMsg_ByID_Timed(CommsChannelDataContainerMessage& messag
     // One id has one waiter: a second registration of the same id is not
     // entered, and that caller's semaphore is then never given.
     m_pqueueMutex->take(-1);
-    m_prequestIdSemaphores->insert(std::make_pair(static_cast<int>(requestId), &idSemaphore));
+    registerRequestWaiter(requestId, &idSemaphore);
     m_pqueueMutex->give();
 
     int result = 0;
@@ -75,12 +75,12 @@ int CommsChannel::receiveMsg_ByID_Timed(CommsChannelDataContainerMessage& messag
         result = getMsgFromQ_ByID(message, requestId, &idSemaphore, timeout);
     } catch (CommsException&) {
         m_pqueueMutex->take(-1);
-        m_prequestIdSemaphores->erase(static_cast<int>(requestId));
+        unregisterRequestWaiter(requestId);
         m_pqueueMutex->give();
         throw;
     }
     m_pqueueMutex->take(-1);
-    m_prequestIdSemaphores->erase(static_cast<int>(requestId));
+    unregisterRequestWaiter(requestId);
     m_pqueueMutex->give();
     return result;
 }

@@ -103,6 +103,16 @@ private:
     // names the interface in the queue warning.
     int enqueue(CommsChannelDataContainerMessage* owned, const CommsChannelDataContainerMessage* original,
                 const std::string& interfaceName);
+    // The request-id map is keyed by the id as an int, where different ids
+    // can meet (and id 0's placeholder entry lives). Waiters are therefore
+    // matched through a map keyed by the full id, kept beside it; the int
+    // map still shows every registration.
+    // REQUIRES: m_pqueueMutex is held.
+    void registerRequestWaiter(long requestId, Semaphore* semaphore);
+    void unregisterRequestWaiter(long requestId);
+    // The semaphore of the thread waiting for exactly requestId, or null.
+    Semaphore* requestWaiter(long requestId);
+
     // Unlinks the element at position and moves its message into out.
     // REQUIRES: m_pqueueMutex is held.
     void takeOut(std::list<CommsChannelDataContainerMessage*>::iterator position,
@@ -129,6 +139,7 @@ private:
     Semaphore* m_pqueueSemaphore;
     Semaphore* m_pqueueMutex;
     std::map<int, Semaphore*>* m_prequestIdSemaphores;  // guarded by m_pqueueMutex
+    std::map<long, Semaphore*>* m_prequestWaiters;      // guarded by m_pqueueMutex; owned
     ReceiveQueueIndex* m_pqueueIndex;                   // guarded by m_pqueueMutex; owned
     // Messages taken out of the queue, kept with their list nodes for the
     // next copies, so that a steady stream allocates nothing per message.

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <limits>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -743,5 +744,76 @@ TEST(CommsChannelQueueReuseTest, ReceiveIntoAStringGivesTheWholeDataOfEachMessag
         EXPECT_EQ(data, received);
     }
 }
+
+}  // namespace
+
+namespace {
+
+// Ids that a long can hold but an int cannot tell apart from others.
+class RequestIdBeyondIntTest : public testing::TestWithParam<long> {
+protected:
+    RequestIdBeyondIntTest() : sut("") {}
+    void SetUp() override
+    {
+        if (sizeof(long) <= sizeof(int) && static_cast<long>(static_cast<int>(GetParam())) != GetParam()) {
+            GTEST_SKIP() << "this id does not exist where long is 32 bits";
+        }
+    }
+    void add(long requestId)
+    {
+        CommsChannelDataContainerMessage queued = channeltest::message("odd id", 0, requestId);
+        sut.addToMsgQ(queued);
+    }
+
+    channeltest::Watchdog watchdog;
+    CommsChannel sut;
+};
+
+TEST_P(RequestIdBeyondIntTest, WithNoWaiterTheTokenGoesToTheQueueAndAPlainReceiveGetsIt)
+{
+    add(GetParam());
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    std::string data;
+    ASSERT_EQ(1, sut.receiveMsg(data));
+    EXPECT_EQ("odd id", data);
+}
+
+TEST_P(RequestIdBeyondIntTest, AWaiterForFiveNeverTakesItsToken)
+{
+    Semaphore waiterForFive(0, 1, false);
+    CommsChannelInspector::registerRequestId(sut, 5L, &waiterForFive);
+    add(GetParam());
+    EXPECT_EQ(0, waiterForFive.count());
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    CommsChannelInspector::unregisterRequestId(sut, 5L);
+}
+
+TEST_P(RequestIdBeyondIntTest, AByIdReceiveForFiveTimesOutAndTheMessageStaysForAPlainReceive)
+{
+    add(GetParam());
+    CommsChannelDataContainerMessage out;
+    EXPECT_THROW(sut.receiveMsg_ByID_Timed(out, 5L, 100), CommsException);
+    std::string data;
+    ASSERT_EQ(1, sut.receiveMsg(data));
+    EXPECT_EQ("odd id", data);
+}
+
+TEST_P(RequestIdBeyondIntTest, AByIdReceiveForThatVeryIdGetsIt)
+{
+    // Whether the message comes before or after the registration, the
+    // receive gets it and balances its token.
+    std::thread late([this] { add(GetParam()); });
+    CommsChannelDataContainerMessage out;
+    EXPECT_EQ(1, sut.receiveMsg_ByID_Timed(out, GetParam(), 20000));
+    EXPECT_EQ(GetParam(), out.requestId());
+    late.join();
+    // Its token went to the waiter; the queue semaphore holds none.
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+}
+
+INSTANTIATE_TEST_SUITE_P(Ids, RequestIdBeyondIntTest,
+                         testing::Values(static_cast<long>(std::numeric_limits<unsigned int>::max()) + 1,
+                                         static_cast<long>(std::numeric_limits<unsigned int>::max()) + 6, -1L,
+                                         std::numeric_limits<long>::max()));
 
 }  // namespace

@@ -41,16 +41,16 @@ public:
         return channel.m_prequestIdSemaphores->count(requestId) != 0;
     }
     // Enters a waiter's semaphore for requestId, as a by-id receive does.
-    static void registerRequestId(CommsChannel& channel, int requestId, Semaphore* semaphore)
+    static void registerRequestId(CommsChannel& channel, long requestId, Semaphore* semaphore)
     {
         channel.m_pqueueMutex->take(-1);
-        channel.m_prequestIdSemaphores->insert(std::make_pair(requestId, semaphore));
+        channel.registerRequestWaiter(requestId, semaphore);
         channel.m_pqueueMutex->give();
     }
-    static void unregisterRequestId(CommsChannel& channel, int requestId)
+    static void unregisterRequestId(CommsChannel& channel, long requestId)
     {
         channel.m_pqueueMutex->take(-1);
-        channel.m_prequestIdSemaphores->erase(requestId);
+        channel.unregisterRequestWaiter(requestId);
         channel.m_pqueueMutex->give();
     }
     // Locked reads, for tests that look while other threads use the queue.
