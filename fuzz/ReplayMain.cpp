@@ -4,6 +4,8 @@
 // target aborts the process, which is how CTest sees a regression.
 //
 // Usage: fuzz-replay-<target> DIR_OR_FILE...
+#include "NamespaceGuard.h"
+
 #include <dirent.h>
 #include <sys/stat.h>
 
@@ -51,6 +53,9 @@ std::vector<std::string> filesIn(const std::string& directory)
 
 int main(int argc, char** argv)
 {
+    // The targets bind the resolver port and send on loopback: never on the
+    // host's.
+    cctest::requireIsolation(argv[0]);
     // The live-channel target sends to sockets whose owner may be gone.
     std::signal(SIGPIPE, SIG_IGN);
     std::vector<std::string> inputs;

@@ -2,6 +2,9 @@
 # Runs a command in network and mount namespaces of its own: loopback up, so
 # that the fixed resolver port 5000 is private to this command, and a private
 # tmpfs on /logs, so that diagnostics dumps never reach the host's files.
+# The namespaces made are recorded in COMMSCHANNEL_TEST_NETNS and
+# COMMSCHANNEL_TEST_MNTNS; test programs refuse to run without them
+# (NamespaceGuard.h).
 # Usage: isolate.sh COMMAND [ARGS...]
 set -e
 if [ "$(id -u)" -eq 0 ]; then
@@ -16,4 +19,7 @@ exec unshare $flags -- /bin/sh -c '
     mount --make-rprivate /
     [ -d /logs ] || mkdir -p /logs
     mount -t tmpfs -o mode=0777 tmpfs /logs
+    COMMSCHANNEL_TEST_NETNS=$(readlink /proc/self/ns/net)
+    COMMSCHANNEL_TEST_MNTNS=$(readlink /proc/self/ns/mnt)
+    export COMMSCHANNEL_TEST_NETNS COMMSCHANNEL_TEST_MNTNS
     exec "$@"' isolate "$@"
