@@ -1,5 +1,6 @@
 // commschannel-resolver: the name service of the CommsChannel processes on
 // this host. See docs/resolver.md.
+#include "CommsChannelVersion.h"
 #include "ResolverList.h"
 #include "ResolverLog.h"
 #include "ResolverOptions.h"
@@ -19,6 +20,10 @@ int main(int argc, char** argv)
     }
     if (options.help) {
         std::fputs(resolver::resolverUsage().c_str(), stdout);
+        return 0;
+    }
+    if (options.version) {
+        std::printf("commschannel-resolver %s\n", COMMSCHANNEL_VERSION);
         return 0;
     }
     if (options.list) {
