@@ -30,6 +30,7 @@ int main(int argc, char** argv)
         return resolver::runList(options.port, stdout, stderr);
     }
     resolver::log::setLevel(options.verbose ? resolver::log::LEVEL_INFO : resolver::log::LEVEL_NOTICE);
+    resolver::log::setTimestamps(options.verbose);
 
     resolver::ResolverServer server(options);
     // A resolver that cannot start says so on standard error even with
