@@ -158,16 +158,24 @@ int queryPort(int resolverPort, const std::string& name, int timeoutMs)
     CommsChannelPortRequestMessage request;
     request.setRequestId(requestId);
     request.setChannel(name);
-    if (!client.send(resolverPort, request)) {
-        return -1;
-    }
     std::vector<char> buffer(RECEIVE_BUFFER_BYTES);
     const long long deadline = monotonicMilliseconds() + timeoutMs;
+    long long nextSend = monotonicMilliseconds();
     CommsChannelMessageCreator creator;
     for (;;) {
-        const long length = client.receiveFrom(resolverPort, deadline, &buffer);
-        if (length < 0) {
+        // Asked again now and then: a resolver that is just starting has
+        // not bound its port yet, and the kernel drops what comes before.
+        const long long now = monotonicMilliseconds();
+        if (now >= deadline) {
             return -1;
+        }
+        if (now >= nextSend) {
+            client.send(resolverPort, request);
+            nextSend = now + WAIT_REGISTRATION_INTERVAL_MS;
+        }
+        const long length = client.receiveFrom(resolverPort, std::min(deadline, nextSend), &buffer);
+        if (length < 0) {
+            continue;
         }
         std::unique_ptr<CommsChannelMessage> message(
             creator.decodeMessage(buffer.data(), static_cast<unsigned int>(length)));

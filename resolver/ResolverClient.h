@@ -20,6 +20,9 @@ namespace resolver {
 const int LIST_ANSWER_TIMEOUT_MS = 2000;
 const int LIST_QUIET_GAP_MS = 200;
 const int LIST_COLLECT_LIMIT_MS = 5000;
+// How often queryPort and waitForName ask again while no resolver has
+// answered (it may still be starting).
+const int WAIT_REGISTRATION_INTERVAL_MS = 200;
 
 // Registers as a locator at 127.0.0.1:resolverPort, collects the update(s)
 // that answer, applies them in order to *channels (name to port) and
@@ -30,14 +33,11 @@ const int LIST_COLLECT_LIMIT_MS = 5000;
 // LIST_ANSWER_TIMEOUT_MS.
 bool fetchChannels(int resolverPort, std::map<std::string, int>* channels, std::string* error);
 
-// Sends one port request for name and waits up to timeoutMs for the answer
-// with its request id. Returns the port, 0 when the resolver knows no such
-// name, or -1 when no answer came (no resolver, or the datagram was lost).
+// Sends a port request for name, again every WAIT_REGISTRATION_INTERVAL_MS
+// while no answer has come, and waits up to timeoutMs for the answer with
+// its request id. Returns the port, 0 when the resolver knows no such name,
+// or -1 when no answer came (no resolver).
 int queryPort(int resolverPort, const std::string& name, int timeoutMs);
-
-// How often waitForName repeats its registration while no resolver has
-// answered it (the resolver may still be starting).
-const int WAIT_REGISTRATION_INTERVAL_MS = 200;
 
 // Registers as a locator and follows the updates the resolver pushes until
 // name is in the table or timeoutMs have passed; unregisters before it

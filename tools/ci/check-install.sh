@@ -34,6 +34,7 @@ env -i "$work/prefix/bin/commschannel" --version
     "$bin/commschannel-resolver" --state-file "$scratch/state" 2>"$scratch/resolver.log" &
     resolver=$!
     trap "kill $resolver 2>/dev/null; rm -rf $scratch" EXIT
+    "$bin/commschannel-resolver" --list >/dev/null
     "$bin/commschannel" listen inbox -n 1 >"$scratch/heard" &
     listener=$!
     "$bin/commschannel" wait inbox -t 10000
