@@ -32,3 +32,19 @@ install(FILES
 
 configure_file(${PROJECT_SOURCE_DIR}/cmake/commschannel.pc.in ${PROJECT_BINARY_DIR}/commschannel.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/commschannel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The service files name the installed resolver by its absolute path, so
+# they are filled in at install time, when the final prefix is known (also
+# with "cmake --install --prefix DIR").
+set(_cc_servicedir ${CMAKE_INSTALL_DATADIR}/commschannel)
+install(CODE "
+    set(COMMSCHANNEL_BINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
+    set(COMMSCHANNEL_DOCDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DOCDIR}\")
+    configure_file(\"${PROJECT_SOURCE_DIR}/packaging/commschannel-resolver.service.in\"
+        \"${PROJECT_BINARY_DIR}/packaging/commschannel-resolver.service\" @ONLY)
+    configure_file(\"${PROJECT_SOURCE_DIR}/packaging/commschannel-resolver.init.in\"
+        \"${PROJECT_BINARY_DIR}/packaging/commschannel-resolver.init\" @ONLY)
+")
+install(FILES ${PROJECT_BINARY_DIR}/packaging/commschannel-resolver.service DESTINATION ${_cc_servicedir})
+install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/commschannel-resolver.init DESTINATION ${_cc_servicedir})
+install(FILES ${PROJECT_SOURCE_DIR}/docs/guide.md ${PROJECT_SOURCE_DIR}/docs/resolver.md DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -71,6 +71,16 @@ bool parseLine(const std::string& line, UdpSocketEntry* entry)
     entry->port = static_cast<int>(std::strtol(port.c_str(), nullptr, 16));
     entry->inode = static_cast<std::uint64_t>(std::strtoull(inode.c_str(), nullptr, 10));
     entry->reachableOnLoopback = reachableAddress(address);
+    entry->rxQueueBytes = -1;
+    const std::size_t queueColon = tokens[4].find(':');
+    if (queueColon != std::string::npos && isHex(tokens[4].substr(queueColon + 1))) {
+        entry->rxQueueBytes = std::strtoll(tokens[4].c_str() + queueColon + 1, nullptr, 16);
+    }
+    entry->drops = -1;
+    if (tokens.size() > 12 && !tokens[12].empty() &&
+        tokens[12].find_first_not_of("0123456789") == std::string::npos) {
+        entry->drops = std::strtoll(tokens[12].c_str(), nullptr, 10);
+    }
     return true;
 }
 

@@ -8,13 +8,17 @@
 //
 // Each line of the files reads
 //
-//   sl: local_address rem_address st tx_queue:rx_queue tr:tm retrnsmt uid timeout inode ...
+//   sl: local_address rem_address st tx_queue:rx_queue tr:tm retrnsmt uid timeout inode ref pointer drops
 //
 // local_address is "ADDRESS:PORT" in hex. The port is a plain number. The
 // address is the in-memory (network order) value printed as host-order
 // 32-bit words, so 127.0.0.1 reads 0100007F on a little-endian kernel and
 // 7F000001 on a big-endian one. A program under qemu-user reads the host
 // kernel's file whatever its own byte order, so both spellings are accepted.
+// rx_queue is the hex count of bytes waiting in the socket's receive buffer
+// (as the kernel charges them, headers included); drops is the decimal count
+// of datagrams the kernel threw away for that socket, mostly because its
+// receive buffer was full.
 //
 // Stateless functions; safe from any thread.
 #ifndef COMMSCHANNEL_PROC_NET_UDP_H
@@ -33,6 +37,10 @@ struct UdpSocketEntry {
     // Bound to 127.0.0.1 or to the wildcard address (IPv4, or IPv6 "::" and
     // ::ffff:127.0.0.1): a datagram sent to 127.0.0.1 at the port reaches it.
     bool reachableOnLoopback;
+    // Bytes waiting to be read, and datagrams dropped; -1 when the line
+    // lacks the field.
+    long long rxQueueBytes;
+    long long drops;
 };
 
 // The socket lines of one file's text. The header line and lines that do not

@@ -1,10 +1,13 @@
 #include "ProcSocketOwners.h"
 
+#include "ProcNetUdp.h"
+
 #include <dirent.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <vector>
 
 namespace resolver {
@@ -90,6 +93,39 @@ std::map<std::uint64_t, int> findSocketOwners(const std::set<std::uint64_t>& ino
         }
     }
     return owners;
+}
+
+int findPortOwner(int port, const std::string& procRoot)
+{
+    std::vector<UdpSocketEntry> sockets;
+    if (port <= 0 || !readUdpSockets(&sockets, procRoot)) {
+        return 0;
+    }
+    std::set<std::uint64_t> inodes;
+    for (std::vector<UdpSocketEntry>::const_iterator it = sockets.begin(); it != sockets.end(); ++it) {
+        if (it->reachableOnLoopback && it->port == port) {
+            inodes.insert(it->inode);
+        }
+    }
+    const std::map<std::uint64_t, int> owners = findSocketOwners(inodes, procRoot);
+    int pid = 0;
+    for (std::map<std::uint64_t, int>::const_iterator it = owners.begin(); it != owners.end(); ++it) {
+        if (pid == 0 || it->second < pid) {
+            pid = it->second;
+        }
+    }
+    return pid;
+}
+
+std::string processName(int pid, const std::string& procRoot)
+{
+    if (pid <= 0) {
+        return std::string();
+    }
+    std::ifstream file(procRoot + "/" + std::to_string(pid) + "/comm");
+    std::string name;
+    std::getline(file, name);
+    return name;
 }
 
 }  // namespace resolver

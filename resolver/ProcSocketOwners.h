@@ -26,6 +26,16 @@ bool parseSocketLink(const std::string& link, std::uint64_t* inode);
 std::map<std::uint64_t, int> findSocketOwners(const std::set<std::uint64_t>& inodes,
                                               const std::string& procRoot = "/proc");
 
+// The pid of a process holding the UDP socket reachable at 127.0.0.1:port,
+// or 0 when none is listed or none we may look into holds it. Reads the
+// whole socket list and every readable process's descriptors: for logs and
+// tools, not for a hot path.
+int findPortOwner(int port, const std::string& procRoot = "/proc");
+
+// The command name of a process (<procRoot>/<pid>/comm without its newline),
+// or "" when the process is gone or unreadable.
+std::string processName(int pid, const std::string& procRoot = "/proc");
+
 }  // namespace resolver
 
 #endif

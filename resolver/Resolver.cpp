@@ -20,6 +20,8 @@ const int ADDED = CommsChannelLocatorUpdateMessage::CHANNEL_ADDED;
 const int REMOVED = CommsChannelLocatorUpdateMessage::CHANNEL_REMOVED;
 const int HIGHEST_PORT = 65535;
 const long long DROPPED_LOG_INTERVAL_MS = 1000;
+// A process that died with hundreds of names gets one line, not a page.
+const std::size_t NAMES_PER_LINE = 20;
 
 // Every encoding starts with the 8-byte header that CommsChannelMessage.h
 // describes: magic, version, type code (byte 3) and the encoding's total
@@ -60,6 +62,24 @@ bool handledType(int type)
 
 Outgoing outgoing(int port, const Encoding& bytes) { return Outgoing{port, bytes}; }
 
+// "a", "b" and 3 more
+std::string nameList(const std::vector<UpdateRow>& rows)
+{
+    std::string text;
+    for (std::size_t i = 0; i < rows.size() && i < NAMES_PER_LINE; ++i) {
+        text += (i == 0 ? "" : ", ") + log::quoted(rows[i].name);
+    }
+    if (rows.size() > NAMES_PER_LINE) {
+        text += " and " + std::to_string(rows.size() - NAMES_PER_LINE) + " more";
+    }
+    return text;
+}
+
+std::string formatProcess(const ProcessIdentity& process)
+{
+    return "pid " + std::to_string(process.pid) + (process.name.empty() ? "" : " (" + process.name + ")");
+}
+
 std::vector<UpdateRow> allChannelsAsAdded(const ResolverTable& table)
 {
     std::vector<UpdateRow> rows;
@@ -72,9 +92,39 @@ std::vector<UpdateRow> allChannelsAsAdded(const ResolverTable& table)
 
 }  // namespace
 
-Resolver::Resolver(MillisecondClock clock)
-    : m_changed(false), m_clock(clock), m_droppedLog(DROPPED_LOG_INTERVAL_MS)
+Resolver::Resolver(MillisecondClock clock, ProcessLookup lookup)
+    : m_changed(false),
+      m_clock(clock),
+      m_droppedLog(DROPPED_LOG_INTERVAL_MS),
+      m_ignoredRowLog(DROPPED_LOG_INTERVAL_MS),
+      m_lookup(lookup)
 {
+}
+
+std::string Resolver::describe(int port)
+{
+    std::map<int, ProcessIdentity>::const_iterator known = m_processes.find(port);
+    if (known != m_processes.end()) {
+        return formatProcess(known->second);
+    }
+    if (m_lookup) {
+        const ProcessIdentity process = m_lookup(port);
+        if (process.pid > 0) {
+            if (m_table.hasLocator(port)) {
+                m_processes[port] = process;
+            }
+            return formatProcess(process);
+        }
+    }
+    return "an unidentified process at port " + std::to_string(port);
+}
+
+void Resolver::forgetLocator(int port)
+{
+    if (m_table.removeLocator(port)) {
+        m_changed = true;
+    }
+    m_processes.erase(port);
 }
 
 bool Resolver::takeChanged()
@@ -126,12 +176,22 @@ std::vector<Outgoing> Resolver::handleRegister(int sourcePort, int announcedPort
     if (m_table.addLocator(sourcePort)) {
         m_changed = true;
     }
+    // Looked up now, while the process is surely alive: the lines about its
+    // end are written when it no longer is.
+    if (m_lookup) {
+        const ProcessIdentity process = m_lookup(sourcePort);
+        if (process.pid > 0) {
+            m_processes[sourcePort] = process;
+        }
+    }
     const std::vector<Encoding> updates = encodeUpdates(allChannelsAsAdded(m_table));
-    log::write(log::LEVEL_INFO, "locator %d registered; sent %zu channel(s) in %zu update(s)", sourcePort,
-               m_table.channels().size(), updates.size());
-    if (announcedPort != sourcePort) {
-        log::write(log::LEVEL_INFO, "locator %d announced port %d; answering the source port", sourcePort,
-                   announcedPort);
+    if (log::enabled(log::LEVEL_INFO)) {
+        log::write(log::LEVEL_INFO, "%s registered its locator; sent %zu channel(s) in %zu update(s)",
+                   describe(sourcePort).c_str(), m_table.channels().size(), updates.size());
+        if (announcedPort != sourcePort) {
+            log::write(log::LEVEL_INFO, "%s announced port %d for its locator; answering the source port",
+                       describe(sourcePort).c_str(), announcedPort);
+        }
     }
     std::vector<Outgoing> replies;
     for (std::vector<Encoding>::const_iterator it = updates.begin(); it != updates.end(); ++it) {
@@ -142,12 +202,14 @@ std::vector<Outgoing> Resolver::handleRegister(int sourcePort, int announcedPort
 
 std::vector<Outgoing> Resolver::handleUnregister(int sourcePort)
 {
-    if (m_table.removeLocator(sourcePort)) {
-        m_changed = true;
-    }
     std::vector<UpdateRow> removed;
     removeOwnedBy(sourcePort, &removed);
-    log::write(log::LEVEL_INFO, "locator %d unregistered; withdrew %zu channel(s)", sourcePort, removed.size());
+    if (log::enabled(log::LEVEL_INFO)) {
+        log::write(log::LEVEL_INFO, "%s unregistered its locator; withdrew %zu channel(s)%s%s",
+                   describe(sourcePort).c_str(), removed.size(), removed.empty() ? "" : ": ",
+                   nameList(removed).c_str());
+    }
+    forgetLocator(sourcePort);
     return toAllLocators(removed);
 }
 
@@ -161,42 +223,61 @@ std::vector<Outgoing> Resolver::handleUpdate(const CommsChannelLocatorUpdateMess
         update.getChannelEntry(index, &type, &name, &port);
         // Every table row must fit an update of its own, or it could never
         // be passed on; the library never registers an empty name.
+        const char* const what = type == ADDED ? "registration" : "removal";
         if (name.empty() || !rowFits(name)) {
-            log::write(log::LEVEL_INFO, "locator %d: ignored a row with a name of %zu bytes", sourcePort,
-                       name.size());
+            ignoredRow(std::string(what) + " row with a name of " + std::to_string(name.size()) +
+                           " bytes (a name must be non-empty and fit an update of its own)",
+                       sourcePort);
             continue;
         }
         if (type == ADDED) {
             if (port < 1 || port > HIGHEST_PORT) {
-                log::write(log::LEVEL_INFO, "locator %d: ignored %s at invalid port %d", sourcePort,
-                           log::quoted(name).c_str(), port);
+                ignoredRow("registration of " + log::quoted(name) + " at port " + std::to_string(port) +
+                               " (ports are 1 to 65535)",
+                           sourcePort);
                 continue;
+            }
+            const ChannelRecord* previous = m_table.find(name);
+            if (previous != nullptr && previous->ownerPort != sourcePort) {
+                const int previousOwner = previous->ownerPort;
+                const int previousPort = previous->port;
+                log::write(log::LEVEL_NOTICE, "%s taken over by %s at port %d from %s at port %d",
+                           log::quoted(name).c_str(), describe(sourcePort).c_str(), port,
+                           describe(previousOwner).c_str(), previousPort);
+            } else if (log::enabled(log::LEVEL_INFO)) {
+                log::write(log::LEVEL_INFO, "%s registered %s at port %d", describe(sourcePort).c_str(),
+                           log::quoted(name).c_str(), port);
             }
             if (m_table.addChannel(name, port, sourcePort)) {
                 m_changed = true;
             }
-            log::write(log::LEVEL_INFO, "locator %d: added %s at port %d", sourcePort, log::quoted(name).c_str(),
-                       port);
             applied.push_back(UpdateRow{ADDED, name, port});
             continue;
         }
         const ChannelRecord* record = m_table.find(name);
         if (record == nullptr) {
-            log::write(log::LEVEL_INFO, "locator %d: ignored removal of unknown %s", sourcePort,
-                       log::quoted(name).c_str());
+            if (log::enabled(log::LEVEL_INFO)) {
+                log::write(log::LEVEL_INFO, "%s withdrew %s, which was not registered; nothing to do",
+                           describe(sourcePort).c_str(), log::quoted(name).c_str());
+            }
             continue;
         }
         if (record->ownerPort != sourcePort) {
             // A later registration of the name by another process replaced
             // this one's; its late removal must not withdraw the new owner's.
-            log::write(log::LEVEL_INFO, "locator %d: ignored removal of %s, which locator %d owns", sourcePort,
-                       log::quoted(name).c_str(), record->ownerPort);
+            if (log::enabled(log::LEVEL_INFO)) {
+                const int owner = record->ownerPort;
+                log::write(log::LEVEL_INFO, "%s withdrew %s, which %s owns now; ignored",
+                           describe(sourcePort).c_str(), log::quoted(name).c_str(), describe(owner).c_str());
+            }
             continue;
         }
         applied.push_back(UpdateRow{REMOVED, name, record->port});
         m_table.removeChannel(name);
         m_changed = true;
-        log::write(log::LEVEL_INFO, "locator %d: removed %s", sourcePort, log::quoted(name).c_str());
+        if (log::enabled(log::LEVEL_INFO)) {
+            log::write(log::LEVEL_INFO, "%s withdrew %s", describe(sourcePort).c_str(), log::quoted(name).c_str());
+        }
     }
     return toAllLocators(applied);
 }
@@ -204,8 +285,10 @@ std::vector<Outgoing> Resolver::handleUpdate(const CommsChannelLocatorUpdateMess
 std::vector<Outgoing> Resolver::handlePortRequest(CommsChannelPortRequestMessage& request, int sourcePort)
 {
     const int port = m_table.portOf(request.channel());
-    log::write(log::LEVEL_INFO, "port request %ld from %d for %s: port %d", request.requestId(), sourcePort,
-               log::quoted(request.channel()).c_str(), port);
+    if (log::enabled(log::LEVEL_INFO)) {
+        log::write(log::LEVEL_INFO, "port request %ld from %s for %s: port %d", request.requestId(),
+                   describe(sourcePort).c_str(), log::quoted(request.channel()).c_str(), port);
+    }
     CommsChannelPortResponseMessage response;
     response.setChannel(request.channel());
     response.setRequestId(request.requestId());
@@ -225,16 +308,25 @@ std::vector<Outgoing> Resolver::withdrawDead(const std::set<int>& boundPorts)
     const std::set<int> locators = m_table.locators();
     for (std::set<int>::const_iterator it = locators.begin(); it != locators.end(); ++it) {
         if (boundPorts.count(*it) == 0) {
-            m_table.removeLocator(*it);
-            m_changed = true;
-            log::write(log::LEVEL_INFO, "locator %d is gone", *it);
-            removeOwnedBy(*it, &removed);
+            std::vector<UpdateRow> names;
+            removeOwnedBy(*it, &names);
+            if (!names.empty()) {
+                log::write(log::LEVEL_NOTICE, "%s is gone; withdrew %zu name(s): %s", describe(*it).c_str(),
+                           names.size(), nameList(names).c_str());
+            } else if (log::enabled(log::LEVEL_INFO)) {
+                log::write(log::LEVEL_INFO, "%s is gone; it had no names", describe(*it).c_str());
+            }
+            forgetLocator(*it);
+            removed.insert(removed.end(), names.begin(), names.end());
         }
     }
     const ResolverTable::ChannelMap channels = m_table.channels();
     for (ResolverTable::ChannelMap::const_iterator it = channels.begin(); it != channels.end(); ++it) {
         if (boundPorts.count(it->second.port) == 0) {
-            log::write(log::LEVEL_INFO, "%s at port %d is gone", log::quoted(it->first).c_str(), it->second.port);
+            // The owner lives on (or was never a registered locator), but
+            // the channel's socket closed without a removal row.
+            log::write(log::LEVEL_NOTICE, "withdrew %s of %s: its socket at port %d is closed",
+                       log::quoted(it->first).c_str(), describe(it->second.ownerPort).c_str(), it->second.port);
             removed.push_back(UpdateRow{REMOVED, it->first, it->second.port});
             m_table.removeChannel(it->first);
             m_changed = true;
@@ -247,6 +339,18 @@ std::vector<Outgoing> Resolver::restore(const ResolverTable& saved, const std::s
 {
     m_table = saved;
     m_changed = true;
+    m_processes.clear();
+    // The processes still running are looked up now; those that died while
+    // no resolver ran can no longer be named.
+    const std::set<int> locators = m_table.locators();
+    for (std::set<int>::const_iterator it = locators.begin(); it != locators.end() && m_lookup; ++it) {
+        if (boundPorts.count(*it) != 0) {
+            const ProcessIdentity process = m_lookup(*it);
+            if (process.pid > 0) {
+                m_processes[*it] = process;
+            }
+        }
+    }
     return withdrawDead(boundPorts);
 }
 
@@ -257,7 +361,6 @@ void Resolver::removeOwnedBy(int ownerPort, std::vector<UpdateRow>* removed)
         removed->push_back(UpdateRow{REMOVED, *it, m_table.portOf(*it)});
         m_table.removeChannel(*it);
         m_changed = true;
-        log::write(log::LEVEL_INFO, "withdrew %s of locator %d", log::quoted(*it).c_str(), ownerPort);
     }
 }
 
@@ -283,13 +386,28 @@ void Resolver::dropped(const std::string& reason, std::size_t length, int source
     if (!m_droppedLog.allow(m_clock(), &suppressed)) {
         return;
     }
+    const std::string sender = describe(sourcePort);
     if (suppressed == 0) {
-        log::write(log::LEVEL_WARNING, "dropped a datagram of %zu bytes from port %d: %s", length, sourcePort,
+        log::write(log::LEVEL_WARNING, "dropped a datagram of %zu bytes from %s: %s", length, sender.c_str(),
                    reason.c_str());
     } else {
-        log::write(log::LEVEL_WARNING,
-                   "dropped a datagram of %zu bytes from port %d: %s (and %lu more since the last report)", length,
-                   sourcePort, reason.c_str(), suppressed);
+        log::write(log::LEVEL_WARNING, "dropped a datagram of %zu bytes from %s: %s (and %lu more since the last report)",
+                   length, sender.c_str(), reason.c_str(), suppressed);
+    }
+}
+
+void Resolver::ignoredRow(const std::string& reason, int sourcePort)
+{
+    unsigned long suppressed = 0;
+    if (!m_ignoredRowLog.allow(m_clock(), &suppressed)) {
+        return;
+    }
+    const std::string sender = describe(sourcePort);
+    if (suppressed == 0) {
+        log::write(log::LEVEL_NOTICE, "ignored a %s from %s", reason.c_str(), sender.c_str());
+    } else {
+        log::write(log::LEVEL_NOTICE, "ignored a %s from %s (and %lu more rows since the last report)",
+                   reason.c_str(), sender.c_str(), suppressed);
     }
 }
 

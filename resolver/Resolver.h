@@ -21,6 +21,14 @@
 // Every address is a UDP port on 127.0.0.1; the sender of a datagram is
 // known by its source port. One object belongs to one thread.
 //
+// Log lines name processes by pid. The resolver learns a locator's process
+// through the ProcessLookup it is given, when the locator registers, and
+// keeps it: the lines about a process that died are written after its
+// sockets, and so its entry in /proc, are gone. At notice level (the
+// default) it logs a name taken over by another process, the names
+// withdrawn because their process died, and registration rows it ignored;
+// at info level everything else it does.
+//
 // Usage:
 //   resolver::Resolver sut;
 //   std::vector<resolver::Outgoing> replies = sut.handleDatagram(bytes, length, sourcePort);
@@ -35,6 +43,8 @@
 #include "ResolverUpdates.h"
 
 #include <cstddef>
+#include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -50,10 +60,22 @@ struct Outgoing {
     Encoding bytes;
 };
 
+// A process as the log names it; pid 0 when unknown.
+struct ProcessIdentity {
+    int pid;
+    std::string name;
+};
+
+// Finds the process holding the UDP socket at 127.0.0.1:port. May be slow
+// (it reads /proc); called once per locator registration and for log lines
+// about senders that are not registered locators.
+typedef std::function<ProcessIdentity(int port)> ProcessLookup;
+
 class Resolver {
 public:
-    // clock times the rate limit of the log lines about dropped datagrams.
-    explicit Resolver(MillisecondClock clock = monotonicMilliseconds);
+    // clock times the rate limit of the log lines about dropped datagrams and
+    // ignored rows. Without a lookup every process is unidentified.
+    explicit Resolver(MillisecondClock clock = monotonicMilliseconds, ProcessLookup lookup = ProcessLookup());
 
     Resolver(const Resolver&) = delete;
     Resolver& operator=(const Resolver&) = delete;
@@ -79,6 +101,11 @@ public:
     // True when the table changed since the last call, which clears it.
     bool takeChanged();
 
+    // The process behind a port as log lines name it: "pid 1234 (name)", or
+    // "an unidentified process at port N". Remembered for registered
+    // locators; otherwise asks the lookup each time.
+    std::string describe(int port);
+
 private:
     std::vector<Outgoing> handleRegister(int sourcePort, int announcedPort);
     std::vector<Outgoing> handleUnregister(int sourcePort);
@@ -91,11 +118,19 @@ private:
     std::vector<Outgoing> toAllLocators(const std::vector<UpdateRow>& rows) const;
     // Logs a datagram that was not handled, at most once a second.
     void dropped(const std::string& reason, std::size_t length, int sourcePort);
+    // Logs a row of an update that was not applied, at most once a second.
+    void ignoredRow(const std::string& reason, int sourcePort);
+    // Forgets a locator and its remembered process.
+    void forgetLocator(int port);
 
     ResolverTable m_table;
     bool m_changed;
     MillisecondClock m_clock;
     RateLimiter m_droppedLog;
+    RateLimiter m_ignoredRowLog;
+    ProcessLookup m_lookup;
+    // The process of each registered locator, as found when it registered.
+    std::map<int, ProcessIdentity> m_processes;
 };
 
 }  // namespace resolver

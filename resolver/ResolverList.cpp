@@ -4,6 +4,7 @@
 #include "CommsChannelMessageCreator.h"
 #include "ProcNetUdp.h"
 #include "ProcSocketOwners.h"
+#include "ResolverClient.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -64,10 +65,12 @@ std::vector<ListedChannel> withOwners(const std::map<std::string, int>& channels
 {
     std::vector<UdpSocketEntry> sockets;
     std::map<int, std::uint64_t> inodeOfPort;
+    std::map<int, UdpSocketEntry> socketOfPort;
     if (readUdpSockets(&sockets)) {
         for (std::vector<UdpSocketEntry>::const_iterator it = sockets.begin(); it != sockets.end(); ++it) {
             if (it->reachableOnLoopback) {
                 inodeOfPort[it->port] = it->inode;
+                socketOfPort[it->port] = *it;
             }
         }
     }
@@ -87,7 +90,13 @@ std::vector<ListedChannel> withOwners(const std::map<std::string, int>& channels
             std::map<std::uint64_t, int>::const_iterator owner = owners.find(inode->second);
             pid = owner != owners.end() ? owner->second : 0;
         }
-        listed.push_back(ListedChannel{it->first, it->second, pid});
+        ListedChannel channel{it->first, it->second, pid};
+        std::map<int, UdpSocketEntry>::const_iterator socket = socketOfPort.find(it->second);
+        if (socket != socketOfPort.end()) {
+            channel.rxQueueBytes = socket->second.rxQueueBytes;
+            channel.drops = socket->second.drops;
+        }
+        listed.push_back(channel);
     }
     return listed;
 }
@@ -110,6 +119,20 @@ std::string formatChannelList(const std::vector<ListedChannel>& channels)
         out += padded(names[i], nameWidth) + "  " + padded(ports[i], portWidth) + "  " + pid + "\n";
     }
     return out;
+}
+
+int runList(int resolverPort, std::FILE* out, std::FILE* err)
+{
+    std::map<std::string, int> channels;
+    std::string error;
+    if (!fetchChannels(resolverPort, &channels, &error)) {
+        std::fprintf(err, "commschannel-resolver: %s\n", error.c_str());
+        return 1;
+    }
+    const std::string listing = formatChannelList(withOwners(channels));
+    std::fputs(listing.c_str(), out);
+    std::fflush(out);
+    return 0;
 }
 
 }  // namespace resolver

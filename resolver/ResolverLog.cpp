@@ -2,8 +2,11 @@
 
 #include <syslog.h>
 
+#include <sys/time.h>
+
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 #include <vector>
 
 namespace resolver {
@@ -14,6 +17,7 @@ namespace {
 StderrSink builtInSink;
 Sink* currentSink = &builtInSink;
 Level currentLevel = LEVEL_NOTICE;
+bool timestamps = false;
 
 int syslogPriority(Level level)
 {
@@ -39,6 +43,19 @@ Sink::~Sink() = default;
 
 void StderrSink::write(Level /*level*/, const std::string& line)
 {
+    if (timestamps) {
+        timeval now;
+        gettimeofday(&now, nullptr);
+        const time_t seconds = now.tv_sec;
+        tm local;
+        localtime_r(&seconds, &local);
+        char stamp[32];
+        std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+        std::fprintf(stderr, "%s.%03ld commschannel-resolver: %s\n", stamp, static_cast<long>(now.tv_usec / 1000),
+                     line.c_str());
+        std::fflush(stderr);
+        return;
+    }
     std::fprintf(stderr, "commschannel-resolver: %s\n", line.c_str());
     std::fflush(stderr);
 }
@@ -57,6 +74,8 @@ void setSink(Sink* sink) { currentSink = sink != nullptr ? sink : &builtInSink; 
 Sink& sink() { return *currentSink; }
 
 void setLevel(Level level) { currentLevel = level; }
+
+void setTimestamps(bool on) { timestamps = on; }
 
 bool enabled(Level level) { return level <= currentLevel; }
 

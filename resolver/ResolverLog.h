@@ -33,7 +33,10 @@ public:
     virtual void write(Level level, const std::string& line) = 0;
 };
 
-// "commschannel-resolver: <line>" on standard error, flushed at once.
+// "commschannel-resolver: <line>" on standard error, flushed at once; with
+// timestamps on, each line starts with the local date and time to the
+// millisecond ("2024-05-31 14:02:07.125 commschannel-resolver: ...").
+// The system log stamps its records itself.
 class StderrSink : public Sink {
 public:
     void write(Level level, const std::string& line) override;
@@ -56,6 +59,9 @@ public:
 void setSink(Sink* sink);
 // The sink that lines go to now (never null).
 Sink& sink();
+
+// Whether StderrSink stamps its lines with the time; off by default.
+void setTimestamps(bool on);
 
 // Lines of this level and more important ones are written. The default is
 // LEVEL_NOTICE: errors, warnings and the start-up line.

@@ -36,6 +36,8 @@ bool parseResolverOptions(int argc, const char* const* argv, ResolverOptions* op
 
         if (argument == "-h" || argument == "--help") {
             options->help = true;
+        } else if (argument == "--version") {
+            options->version = true;
         } else if (argument == "-v" || argument == "--verbose") {
             options->verbose = true;
         } else if (argument == "--syslog") {
@@ -71,7 +73,10 @@ std::string resolverUsage()
            "Runs in the foreground until SIGTERM or SIGINT.\n"
            "\n"
            "  -h, --help             print this help and exit\n"
-           "  -v, --verbose          log every registration, update and port request\n"
+           "      --version          print the version and exit\n"
+           "  -v, --verbose          log every registration, update and port request,\n"
+           "                         naming processes by pid, with timestamps on\n"
+           "                         standard error\n"
            "      --syslog           log to the system log instead of standard error\n"
            "      --state-file PATH  keep the table in PATH across restarts\n"
            "                         (default " +

@@ -12,6 +12,7 @@ extern const char DEFAULT_STATE_FILE[];
 
 struct ResolverOptions {
     bool help = false;
+    bool version = false;
     bool list = false;
     bool verbose = false;
     bool syslog = false;

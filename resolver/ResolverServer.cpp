@@ -2,6 +2,7 @@
 
 #include "ResolverPorts.h"
 #include "ProcNetUdp.h"
+#include "ProcSocketOwners.h"
 #include "ResolverClock.h"
 #include "ResolverLog.h"
 #include "ResolverStateFile.h"
@@ -30,6 +31,12 @@ const int RECEIVE_BATCH = 256;
 const int SOCKET_BUFFER_BYTES = 1 << 20;
 
 
+ProcessIdentity lookUpProcess(int port)
+{
+    const int pid = findPortOwner(port);
+    return ProcessIdentity{pid, processName(pid)};
+}
+
 std::set<int> portsOf(const ResolverTable& table)
 {
     std::set<int> ports(table.locators());
@@ -45,6 +52,7 @@ std::set<int> portsOf(const ResolverTable& table)
 ResolverServer::ResolverServer(const ResolverOptions& options)
     : m_options(options),
       m_socket(-1),
+      m_resolver(monotonicMilliseconds, lookUpProcess),
       m_saveDue(false),
       m_saveFailing(false),
       m_scanFailing(false),
@@ -237,8 +245,8 @@ void ResolverServer::sendAll(const std::vector<Outgoing>& datagrams)
         const int error = errno;
         unsigned long suppressed = 0;
         if (m_sendErrorLog.allow(monotonicMilliseconds(), &suppressed)) {
-            log::write(log::LEVEL_WARNING, "cannot send %zu bytes to port %d: %s (and %lu more since the last report)",
-                       it->bytes.size(), it->port, std::strerror(error), suppressed);
+            log::write(log::LEVEL_WARNING, "cannot send %zu bytes to %s: %s (and %lu more since the last report)",
+                       it->bytes.size(), m_resolver.describe(it->port).c_str(), std::strerror(error), suppressed);
         }
     }
 }

@@ -1,5 +1,6 @@
 // commschannel-resolver: the name service of the CommsChannel processes on
 // this host. See docs/resolver.md.
+#include "CommsChannelVersion.h"
 #include "ResolverList.h"
 #include "ResolverLog.h"
 #include "ResolverOptions.h"
@@ -21,10 +22,15 @@ int main(int argc, char** argv)
         std::fputs(resolver::resolverUsage().c_str(), stdout);
         return 0;
     }
+    if (options.version) {
+        std::printf("commschannel-resolver %s\n", COMMSCHANNEL_VERSION);
+        return 0;
+    }
     if (options.list) {
         return resolver::runList(options.port, stdout, stderr);
     }
     resolver::log::setLevel(options.verbose ? resolver::log::LEVEL_INFO : resolver::log::LEVEL_NOTICE);
+    resolver::log::setTimestamps(options.verbose);
 
     resolver::ResolverServer server(options);
     // A resolver that cannot start says so on standard error even with

@@ -40,6 +40,26 @@ TEST(ProcNetUdpTest, PortAndInodeAreParsed)
     EXPECT_TRUE(entries[0].reachableOnLoopback);
 }
 
+TEST(ProcNetUdpTest, ReceiveQueueAndDropsAreParsed)
+{
+    const std::string text = "  7: 0100007F:A001 00000000:0000 07 00000000:0001F400 00:00000000 00000000     0        0 "
+                             "4242 2 0000000000000000 317\n";
+    const std::vector<UdpSocketEntry> entries = resolver::parseProcNetUdp(HEADER + text);
+    ASSERT_EQ(1u, entries.size());
+    EXPECT_EQ(0x1F400, entries[0].rxQueueBytes);
+    EXPECT_EQ(317, entries[0].drops);
+}
+
+TEST(ProcNetUdpTest, LineWithoutDropsColumnReportsThemUnknown)
+{
+    const std::string text = "  7: 0100007F:A001 00000000:0000 07 00000000:00000010 00:00000000 00000000     0        0 "
+                             "4242\n";
+    const std::vector<UdpSocketEntry> entries = resolver::parseProcNetUdp(text);
+    ASSERT_EQ(1u, entries.size());
+    EXPECT_EQ(16, entries[0].rxQueueBytes);
+    EXPECT_EQ(-1, entries[0].drops);
+}
+
 TEST(ProcNetUdpTest, InodeBeyondThirtyTwoBitsIsKept)
 {
     const std::vector<UdpSocketEntry> entries =

@@ -28,6 +28,7 @@ TEST_F(ResolverOptionsTest, NoArgumentsGiveTheDefaults)
 {
     ASSERT_TRUE(parse({}));
     EXPECT_FALSE(options.help);
+    EXPECT_FALSE(options.version);
     EXPECT_FALSE(options.list);
     EXPECT_FALSE(options.verbose);
     EXPECT_FALSE(options.syslog);
@@ -41,6 +42,14 @@ TEST_F(ResolverOptionsTest, FlagsInShortAndLongFormAreSet)
     EXPECT_TRUE(options.verbose && options.syslog && options.list && options.help);
     ASSERT_TRUE(parse({"--verbose", "--help"}));
     EXPECT_TRUE(options.verbose && options.help);
+}
+
+TEST_F(ResolverOptionsTest, VersionIsAFlagOfItsOwn)
+{
+    ASSERT_TRUE(parse({"--version"}));
+    EXPECT_TRUE(options.version);
+    EXPECT_FALSE(options.verbose);
+    EXPECT_FALSE(parse({"--version=2"}));
 }
 
 TEST_F(ResolverOptionsTest, ValuesFollowAsNextArgumentOrAfterEquals)
@@ -111,7 +120,7 @@ TEST_F(ResolverOptionsTest, ValueOnAFlagIsRefused)
 TEST_F(ResolverOptionsTest, UsageNamesEveryOption)
 {
     const std::string usage = resolver::resolverUsage();
-    for (const char* option : {"--help", "-v", "--syslog", "--state-file", "--port", "--list",
+    for (const char* option : {"--help", "--version", "-v", "--syslog", "--state-file", "--port", "--list",
                                "/run/commschannel-resolver.state"}) {
         EXPECT_NE(std::string::npos, usage.find(option)) << option;
     }

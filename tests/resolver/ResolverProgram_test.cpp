@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <memory>
 #include <random>
+#include <sstream>
 
 #ifndef COMMSCHANNEL_RESOLVER_PATH
 #error "COMMSCHANNEL_RESOLVER_PATH must name the resolver program"
@@ -429,8 +430,61 @@ TEST(ResolverProgramStandaloneTest, VerboseLogsRegistrationsAndRequests)
         daemon.signal(SIGTERM);
         EXPECT_EQ(0, daemon.wait(5000));
         const std::string err = daemon.err();
-        EXPECT_NE(std::string::npos, err.find("locator " + std::to_string(locator.port()) + " registered")) << err;
+        const std::string self = "pid " + std::to_string(getpid());
+        EXPECT_NE(std::string::npos, err.find(self + " (")) << err;
+        EXPECT_NE(std::string::npos, err.find(" registered its locator")) << err;
         EXPECT_NE(std::string::npos, err.find("port request")) << err;
+        // Processes are named by pid, never by a bare locator port.
+        EXPECT_EQ(std::string::npos, err.find("locator " + std::to_string(locator.port()))) << err;
+        std::istringstream lines(err);
+        std::string line;
+        while (std::getline(lines, line)) {
+            // "2024-05-31 14:02:07.125 commschannel-resolver: ..."
+            ASSERT_GT(line.size(), 24u) << line;
+            EXPECT_EQ('-', line[4]) << line;
+            EXPECT_EQ(' ', line[10]) << line;
+            EXPECT_EQ('.', line[19]) << line;
+            EXPECT_EQ(24u, line.find("commschannel-resolver: ")) << line;
+        }
+    }
+    std::remove(stateFile.c_str());
+}
+
+TEST(ResolverProgramStandaloneTest, QuietResolverReportsTakeoverDeathAndIgnoredRows)
+{
+    const std::string stateFile = "/tmp/cc-notice-" + std::to_string(getpid()) + ".state";
+    {
+        CapturedProgram daemon({"--state-file", stateFile});
+        ASSERT_TRUE(cctest::waitUntil([] { return ResolverProcess::answers(200); }, START_TIMEOUT_MS));
+        cctest::ChildProcess first("channelHolder", {"shared"});
+        cctest::ChildProcess doomed("channelHolder", {"doomed"});
+        std::string firstPort;
+        std::string doomedPort;
+        ASSERT_TRUE(first.waitForPrefix("READY ", &firstPort, START_TIMEOUT_MS));
+        ASSERT_TRUE(doomed.waitForPrefix("READY ", &doomedPort, START_TIMEOUT_MS));
+        ASSERT_TRUE(resolvesTo("shared", std::stoi(firstPort)));
+        ASSERT_TRUE(resolvesTo("doomed", std::stoi(doomedPort)));
+
+        CommsChannel takeover("shared");
+        ASSERT_TRUE(resolvesTo("shared", takeover.port()));
+        doomed.sendSignal(SIGKILL);
+        ASSERT_TRUE(resolvesTo("doomed", 0));
+        FakeLocator locator;
+        ASSERT_TRUE(locator.registerNow());
+        locator.send(update({Row(0, "bad", 0)}));
+        ASSERT_TRUE(ResolverProcess::answers(2000));
+
+        daemon.signal(SIGTERM);
+        EXPECT_EQ(0, daemon.wait(5000));
+        const std::string err = daemon.err();
+        EXPECT_NE(std::string::npos, err.find("\"shared\" taken over by pid " + std::to_string(getpid()))) << err;
+        EXPECT_NE(std::string::npos, err.find("from pid " + std::to_string(first.pid()))) << err;
+        EXPECT_NE(std::string::npos,
+                  err.find("pid " + std::to_string(doomed.pid()) + " (")) << err;
+        EXPECT_NE(std::string::npos, err.find("is gone; withdrew 1 name(s): \"doomed\"")) << err;
+        EXPECT_NE(std::string::npos, err.find("ignored a registration of \"bad\" at port 0 (ports are 1 to 65535) "
+                                              "from pid " + std::to_string(getpid())))
+            << err;
     }
     std::remove(stateFile.c_str());
 }

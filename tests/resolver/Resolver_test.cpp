@@ -33,10 +33,28 @@ public:
     {
         if (level == resolver::log::LEVEL_WARNING) {
             warnings.push_back(line);
+        } else if (level == resolver::log::LEVEL_NOTICE) {
+            notices.push_back(line);
+        } else {
+            others.push_back(line);
         }
     }
     std::vector<std::string> warnings;
+    std::vector<std::string> notices;
+    std::vector<std::string> others;
 };
+
+// Locators A and B belong to processes 101 and 102; nothing else is known.
+resolver::ProcessIdentity fakeLookup(int port)
+{
+    if (port == LOCATOR_A) {
+        return resolver::ProcessIdentity{101, "server"};
+    }
+    if (port == LOCATOR_B) {
+        return resolver::ProcessIdentity{102, "client"};
+    }
+    return resolver::ProcessIdentity{0, ""};
+}
 
 class ResolverTest : public ::testing::Test {
 protected:
@@ -105,7 +123,7 @@ protected:
     }
 
     CapturingSink logSink;
-    resolver::Resolver sut{fakeClock};
+    resolver::Resolver sut{fakeClock, fakeLookup};
 };
 
 TEST_F(ResolverTest, RegisterWithEmptyTableAnswersOneUpdateWithoutRows)
@@ -360,6 +378,102 @@ TEST_F(ResolverTest, RestoreKeepsBoundRowsAndTellsSurvivorsAboutTheRest)
     EXPECT_EQ(PORT_1, ask("alive", 1, STRANGER).port);
     EXPECT_EQ(std::set<int>{LOCATOR_A}, sut.table().locators());
     EXPECT_TRUE(sut.takeChanged());
+}
+
+TEST_F(ResolverTest, TakeoverIsANoticeNamingTheOldAndNewOwnerByPid)
+{
+    registerAt(LOCATOR_A);
+    registerAt(LOCATOR_B);
+    deliver(added("alpha", PORT_1), LOCATOR_A);
+    deliver(added("alpha", PORT_2), LOCATOR_B);
+    ASSERT_EQ(1u, logSink.notices.size());
+    EXPECT_EQ("\"alpha\" taken over by pid 102 (client) at port 41002 from pid 101 (server) at port 41001",
+              logSink.notices[0]);
+}
+
+TEST_F(ResolverTest, RegistrationAgainByTheSameOwnerIsNoTakeover)
+{
+    registerAt(LOCATOR_A);
+    deliver(added("alpha", PORT_1), LOCATOR_A);
+    deliver(added("alpha", PORT_2), LOCATOR_A);
+    EXPECT_TRUE(logSink.notices.empty());
+}
+
+TEST_F(ResolverTest, DeathIsANoticeWithThePidAndEveryWithdrawnName)
+{
+    registerAt(LOCATOR_A);
+    deliver(update({Row(0, "alpha", PORT_1), Row(0, "beta", PORT_2)}), LOCATOR_A);
+    sut.withdrawDead({});
+    ASSERT_EQ(1u, logSink.notices.size());
+    EXPECT_EQ("pid 101 (server) is gone; withdrew 2 name(s): \"alpha\", \"beta\"", logSink.notices[0]);
+}
+
+TEST_F(ResolverTest, DeathOfAProcessWithoutNamesIsNoNotice)
+{
+    registerAt(LOCATOR_A);
+    sut.withdrawDead({});
+    EXPECT_TRUE(logSink.notices.empty());
+}
+
+TEST_F(ResolverTest, ClosedChannelOfALivingProcessIsANoticeNamingTheOwner)
+{
+    registerAt(LOCATOR_B);
+    deliver(added("beta", PORT_2), LOCATOR_B);
+    sut.withdrawDead({LOCATOR_B});
+    ASSERT_EQ(1u, logSink.notices.size());
+    EXPECT_EQ("withdrew \"beta\" of pid 102 (client): its socket at port 41002 is closed", logSink.notices[0]);
+}
+
+TEST_F(ResolverTest, IgnoredRegistrationRowsAreNoticesWithTheReason)
+{
+    registerAt(LOCATOR_A);
+    deliver(update({Row(0, "zero", 0)}), LOCATOR_A);
+    fakeNowMs += 1000;
+    deliver(update({Row(0, "", PORT_1)}), LOCATOR_A);
+    ASSERT_EQ(2u, logSink.notices.size());
+    EXPECT_EQ("ignored a registration of \"zero\" at port 0 (ports are 1 to 65535) from pid 101 (server)",
+              logSink.notices[0]);
+    EXPECT_NE(std::string::npos, logSink.notices[1].find("registration row with a name of 0 bytes")) << logSink.notices[1];
+}
+
+TEST_F(ResolverTest, IgnoredRowNoticesAreRateLimited)
+{
+    registerAt(LOCATOR_A);
+    for (int i = 0; i < 5; ++i) {
+        deliver(update({Row(0, "zero", 0)}), LOCATOR_A);
+    }
+    fakeNowMs += 1000;
+    deliver(update({Row(0, "zero", 0)}), LOCATOR_A);
+    ASSERT_EQ(2u, logSink.notices.size());
+    EXPECT_NE(std::string::npos, logSink.notices[1].find("and 4 more rows")) << logSink.notices[1];
+}
+
+TEST_F(ResolverTest, ProcessIsRememberedFromItsRegistration)
+{
+    int lookups = 0;
+    resolver::Resolver counted(fakeClock, [&](int port) {
+        ++lookups;
+        return fakeLookup(port);
+    });
+    const std::string registration = registerLocator(LOCATOR_A);
+    counted.handleDatagram(registration.data(), registration.size(), LOCATOR_A);
+    EXPECT_EQ("pid 101 (server)", counted.describe(LOCATOR_A));
+    EXPECT_EQ("pid 101 (server)", counted.describe(LOCATOR_A));
+    EXPECT_EQ(1, lookups);
+}
+
+TEST_F(ResolverTest, VerboseLinesNameProcessesByPid)
+{
+    registerAt(LOCATOR_A);
+    deliver(added("alpha", PORT_1), LOCATOR_A);
+    ask("alpha", 5, LOCATOR_A);
+    ask("alpha", 6, STRANGER);
+    ASSERT_EQ(4u, logSink.others.size());
+    EXPECT_EQ(0u, logSink.others[0].find("pid 101 (server) registered its locator")) << logSink.others[0];
+    EXPECT_EQ("pid 101 (server) registered \"alpha\" at port 41001", logSink.others[1]);
+    EXPECT_EQ("port request 5 from pid 101 (server) for \"alpha\": port 41001", logSink.others[2]);
+    EXPECT_EQ("port request 6 from an unidentified process at port 40099 for \"alpha\": port 41001",
+              logSink.others[3]);
 }
 
 TEST_F(ResolverTest, TakeChangedReportsEachChangeOnce)

@@ -1,10 +1,13 @@
-// The socket side of --list: register, collect, unregister.
-#include "ResolverList.h"
+#include "ResolverClient.h"
 
-#include "ResolverPorts.h"
+#include "CommsChannelMessageCreator.h"
+#include "CommsChannelPortRequestMessage.h"
+#include "CommsChannelPortResponseMessage.h"
 #include "CommsChannelRegisterLocatorMessage.h"
 #include "CommsChannelUnregisterLocatorMessage.h"
 #include "ResolverClock.h"
+#include "ResolverList.h"
+#include "ResolverPorts.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -13,8 +16,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <vector>
 
 namespace resolver {
 
@@ -91,19 +97,18 @@ private:
 
 }  // namespace
 
-int runList(int resolverPort, std::FILE* out, std::FILE* err)
+bool fetchChannels(int resolverPort, std::map<std::string, int>* channels, std::string* error)
 {
     ClientSocket client;
     if (!client.ok()) {
-        std::fprintf(err, "commschannel-resolver: cannot open a UDP socket on 127.0.0.1: %s\n", std::strerror(errno));
-        return 1;
+        *error = std::string("cannot open a UDP socket on 127.0.0.1: ") + std::strerror(errno);
+        return false;
     }
     CommsChannelRegisterLocatorMessage registration;
     registration.setPort(client.port());
     client.send(resolverPort, registration);
 
     std::vector<char> buffer(RECEIVE_BUFFER_BYTES);
-    std::map<std::string, int> channels;
     const long long start = monotonicMilliseconds();
     bool answered = false;
     bool resent = false;
@@ -112,14 +117,14 @@ int runList(int resolverPort, std::FILE* out, std::FILE* err)
         const long long deadline = start + (resent ? LIST_ANSWER_TIMEOUT_MS : LIST_ANSWER_TIMEOUT_MS / 2);
         const long length = client.receiveFrom(resolverPort, deadline, &buffer);
         if (length >= 0) {
-            answered = applyUpdate(buffer.data(), static_cast<std::size_t>(length), &channels);
+            answered = applyUpdate(buffer.data(), static_cast<std::size_t>(length), channels);
         } else if (!resent) {
             client.send(resolverPort, registration);
             resent = true;
         } else {
-            std::fprintf(err, "commschannel-resolver: no resolver answered at 127.0.0.1:%d within %d s\n",
-                         resolverPort, LIST_ANSWER_TIMEOUT_MS / 1000);
-            return 1;
+            *error = "no resolver answered at 127.0.0.1:" + std::to_string(resolverPort) + " within " +
+                     std::to_string(LIST_ANSWER_TIMEOUT_MS / 1000) + " s";
+            return false;
         }
     }
     // A large table comes in several updates, back to back; a short pause
@@ -132,16 +137,97 @@ int runList(int resolverPort, std::FILE* out, std::FILE* err)
         if (length < 0) {
             break;
         }
-        applyUpdate(buffer.data(), static_cast<std::size_t>(length), &channels);
+        applyUpdate(buffer.data(), static_cast<std::size_t>(length), channels);
     }
     CommsChannelUnregisterLocatorMessage unregistration;
     unregistration.setPort(client.port());
     client.send(resolverPort, unregistration);
+    return true;
+}
 
-    const std::string listing = formatChannelList(withOwners(channels));
-    std::fputs(listing.c_str(), out);
-    std::fflush(out);
-    return 0;
+int queryPort(int resolverPort, const std::string& name, int timeoutMs)
+{
+    ClientSocket client;
+    if (!client.ok()) {
+        return -1;
+    }
+    // Any id will do: only this socket gets the answer. One that differs per
+    // call keeps a late answer to an earlier call from being taken for ours.
+    static std::atomic<long> nextRequestId{1};
+    const long requestId = nextRequestId.fetch_add(1);
+    CommsChannelPortRequestMessage request;
+    request.setRequestId(requestId);
+    request.setChannel(name);
+    std::vector<char> buffer(RECEIVE_BUFFER_BYTES);
+    const long long deadline = monotonicMilliseconds() + timeoutMs;
+    long long nextSend = monotonicMilliseconds();
+    CommsChannelMessageCreator creator;
+    for (;;) {
+        // Asked again now and then: a resolver that is just starting has
+        // not bound its port yet, and the kernel drops what comes before.
+        const long long now = monotonicMilliseconds();
+        if (now >= deadline) {
+            return -1;
+        }
+        if (now >= nextSend) {
+            client.send(resolverPort, request);
+            nextSend = now + WAIT_REGISTRATION_INTERVAL_MS;
+        }
+        const long length = client.receiveFrom(resolverPort, std::min(deadline, nextSend), &buffer);
+        if (length < 0) {
+            continue;
+        }
+        std::unique_ptr<CommsChannelMessage> message(
+            creator.decodeMessage(buffer.data(), static_cast<unsigned int>(length)));
+        if (!message || message->type() != COMMS_MSG_PORT_RESPONSE) {
+            continue;
+        }
+        CommsChannelPortResponseMessage& response = static_cast<CommsChannelPortResponseMessage&>(*message);
+        if (response.requestId() == requestId && response.channel() == name) {
+            return response.port();
+        }
+    }
+}
+
+bool waitForName(int resolverPort, const std::string& name, int timeoutMs)
+{
+    ClientSocket client;
+    if (!client.ok()) {
+        return false;
+    }
+    CommsChannelRegisterLocatorMessage registration;
+    registration.setPort(client.port());
+    std::vector<char> buffer(RECEIVE_BUFFER_BYTES);
+    std::map<std::string, int> channels;
+    const long long deadline = monotonicMilliseconds() + timeoutMs;
+    long long nextRegistration = monotonicMilliseconds();
+    bool answered = false;
+    bool found = false;
+    while (!found) {
+        const long long now = monotonicMilliseconds();
+        if (!answered && now >= nextRegistration) {
+            client.send(resolverPort, registration);
+            nextRegistration = now + WAIT_REGISTRATION_INTERVAL_MS;
+        }
+        if (now >= deadline) {
+            break;
+        }
+        const long long until = answered ? deadline : std::min(deadline, nextRegistration);
+        const long length = client.receiveFrom(resolverPort, until, &buffer);
+        if (length < 0) {
+            continue;
+        }
+        if (applyUpdate(buffer.data(), static_cast<std::size_t>(length), &channels)) {
+            answered = true;
+            found = channels.count(name) != 0;
+        }
+    }
+    // Sent also when no answer came: a resolver that started just now may
+    // have registered us after all.
+    CommsChannelUnregisterLocatorMessage unregistration;
+    unregistration.setPort(client.port());
+    client.send(resolverPort, unregistration);
+    return found;
 }
 
 }  // namespace resolver

@@ -1,0 +1,318 @@
+#include "CliOptions.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <vector>
+
+namespace cli {
+
+namespace {
+
+struct CommandInfo {
+    Command command;
+    const char* name;
+    int operands;         // NAME, or NAME and DATA
+    const char* options;  // the short letters and value options it takes
+};
+
+// Which options each subcommand takes: j (-j/--json), y (--type), i (--id),
+// t (-t/--timeout), n (-n/--count).
+const CommandInfo COMMANDS[] = {
+    {COMMAND_LIST, "list", 0, "j"},
+    {COMMAND_SEND, "send", 2, "yi"},
+    {COMMAND_CALL, "call", 2, "yjt"},
+    {COMMAND_LISTEN, "listen", 1, "jn"},
+    {COMMAND_WAIT, "wait", 1, "t"},
+};
+
+const CommandInfo* findCommand(const std::string& name)
+{
+    for (const CommandInfo& info : COMMANDS) {
+        if (name == info.name) {
+            return &info;
+        }
+    }
+    return nullptr;
+}
+
+// A decimal number in minimum..maximum and nothing else.
+bool parseNumber(const std::string& text, long long minimum, long long maximum, long long* value)
+{
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 18) {
+        return false;
+    }
+    const long long parsed = std::strtoll(text.c_str(), nullptr, 10);
+    if (parsed < minimum || parsed > maximum) {
+        return false;
+    }
+    *value = parsed;
+    return true;
+}
+
+// The option letter of an argument, or 0 when it is no option we know.
+char optionLetter(const std::string& argument)
+{
+    if (argument == "-j" || argument == "--json") {
+        return 'j';
+    }
+    if (argument == "--type") {
+        return 'y';
+    }
+    if (argument == "--id") {
+        return 'i';
+    }
+    if (argument == "-t" || argument == "--timeout") {
+        return 't';
+    }
+    if (argument == "-n" || argument == "--count") {
+        return 'n';
+    }
+    return 0;
+}
+
+bool setValue(char letter, const std::string& option, const std::string& value, CliOptions* options,
+              std::string* error)
+{
+    long long number = 0;
+    switch (letter) {
+    case 'y':
+        if (!parseNumber(value, 0, INT_MAX, &number)) {
+            *error = "option " + option + " needs a message type from 0 to " + std::to_string(INT_MAX) +
+                     ", not \"" + value + "\"";
+            return false;
+        }
+        options->msgType = static_cast<int>(number);
+        return true;
+    case 'i':
+        if (!parseNumber(value, 0, LONG_MAX, &number)) {
+            *error = "option " + option + " needs a request id from 0 to " + std::to_string(LONG_MAX) + ", not \"" +
+                     value + "\"";
+            return false;
+        }
+        options->requestId = static_cast<long>(number);
+        return true;
+    case 't': {
+        const long long minimum = options->command == COMMAND_WAIT ? 0 : 1;
+        if (!parseNumber(value, minimum, INT_MAX, &number)) {
+            *error = "option " + option + " needs milliseconds from " + std::to_string(minimum) + " to " +
+                     std::to_string(INT_MAX) + ", not \"" + value + "\"";
+            return false;
+        }
+        options->timeoutMs = static_cast<int>(number);
+        return true;
+    }
+    case 'n':
+        if (!parseNumber(value, 1, LONG_MAX, &number)) {
+            *error = "option " + option + " needs a count of at least 1, not \"" + value + "\"";
+            return false;
+        }
+        options->count = static_cast<long>(number);
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool parseCommandArguments(const CommandInfo& info, int first, int argc, const char* const* argv,
+                           CliOptions* options, std::string* error)
+{
+    std::vector<std::string> operands;
+    bool optionsEnded = false;
+    for (int index = first; index < argc; ++index) {
+        std::string argument = argv[index];
+        if (optionsEnded || argument == "-" || argument.empty() || argument[0] != '-') {
+            operands.push_back(argument);
+            continue;
+        }
+        if (argument == "--") {
+            optionsEnded = true;
+            continue;
+        }
+        if (argument == "-h" || argument == "--help") {
+            options->help = true;
+            continue;
+        }
+        std::string value;
+        bool hasValue = false;
+        const std::size_t equals = argument.find('=');
+        if (argument.compare(0, 2, "--") == 0 && equals != std::string::npos) {
+            value = argument.substr(equals + 1);
+            argument.erase(equals);
+            hasValue = true;
+        }
+        const char letter = optionLetter(argument);
+        if (letter == 0) {
+            *error = "unknown option " + argument;
+            return false;
+        }
+        if (std::string(info.options).find(letter) == std::string::npos) {
+            *error = std::string(info.name) + " takes no option " + argument;
+            return false;
+        }
+        if (letter == 'j') {
+            if (hasValue) {
+                *error = "option " + argument + " takes no value";
+                return false;
+            }
+            options->json = true;
+            continue;
+        }
+        if (!hasValue) {
+            if (index + 1 >= argc) {
+                *error = "option " + argument + " needs a value";
+                return false;
+            }
+            value = argv[++index];
+        }
+        if (!setValue(letter, argument, value, options, error)) {
+            return false;
+        }
+    }
+    if (options->help) {
+        return true;
+    }
+    if (static_cast<int>(operands.size()) > info.operands) {
+        *error = "unexpected argument \"" + operands[static_cast<std::size_t>(info.operands)] + "\"";
+        return false;
+    }
+    if (static_cast<int>(operands.size()) < info.operands) {
+        *error = operands.empty() ? "missing channel NAME" : "missing DATA (give - to read it from standard input)";
+        return false;
+    }
+    if (info.operands >= 1) {
+        options->name = operands[0];
+        if (options->name.empty()) {
+            *error = "the channel NAME must not be empty";
+            return false;
+        }
+    }
+    if (info.operands >= 2) {
+        options->data = operands[1];
+        options->dataFromStdin = options->data == "-";
+    }
+    return true;
+}
+
+}  // namespace
+
+bool parseCliOptions(int argc, const char* const* argv, CliOptions* options, std::string* error)
+{
+    *options = CliOptions();
+    if (argc < 2) {
+        *error = "missing command";
+        return false;
+    }
+    const std::string first = argv[1];
+    if (first == "-h" || first == "--help") {
+        options->help = true;
+        return true;
+    }
+    if (first == "--version") {
+        options->version = true;
+        return true;
+    }
+    const CommandInfo* info = findCommand(first);
+    if (info == nullptr) {
+        *error = (!first.empty() && first[0] == '-') ? "unknown option " + first : "unknown command \"" + first + "\"";
+        return false;
+    }
+    options->command = info->command;
+    options->timeoutMs = info->command == COMMAND_WAIT ? DEFAULT_WAIT_TIMEOUT_MS : DEFAULT_CALL_TIMEOUT_MS;
+    return parseCommandArguments(*info, 2, argc, argv, options, error);
+}
+
+const char* commandName(Command command)
+{
+    for (const CommandInfo& info : COMMANDS) {
+        if (info.command == command) {
+            return info.name;
+        }
+    }
+    return "";
+}
+
+std::string cliUsage(Command command)
+{
+    switch (command) {
+    case COMMAND_LIST:
+        return "Usage: commschannel list [-j]\n"
+               "Prints every channel name the resolver knows, sorted by name: its port, the\n"
+               "pid and name of the process holding the port, the bytes waiting in the\n"
+               "socket's receive buffer and the datagrams the kernel dropped on it.\n"
+               "\n"
+               "  -j, --json   one JSON object a line: name, port, pid, process,\n"
+               "               rx_queue_bytes, drops (pid 0 and process \"\" when unknown)\n"
+               "  -h, --help   print this help\n"
+               "\n"
+               "Exit status: 0 listed, 1 no resolver answered, 2 bad command line.\n";
+    case COMMAND_SEND:
+        return "Usage: commschannel send NAME DATA [--type N] [--id N]\n"
+               "Sends one data message to the channel NAME from a temporary channel.\n"
+               "DATA is the argument itself, or standard input when DATA is -.\n"
+               "\n"
+               "      --type N   the message type (default 0); it sets the message's\n"
+               "                 priority in the receiving queue\n"
+               "      --id N     the request id (default 0: none)\n"
+               "  -h, --help     print this help\n"
+               "\n"
+               "Exit status: 0 sent, 1 NAME unknown, no resolver or the send failed,\n"
+               "2 bad command line.\n";
+    case COMMAND_CALL:
+        return "Usage: commschannel call NAME DATA [--type N] [-t MS] [-j]\n"
+               "Sends DATA to the channel NAME with a fresh request id and this command's\n"
+               "own channel as callback channel, waits for the reply carrying that request\n"
+               "id and prints the reply's data followed by a newline. DATA is the argument,\n"
+               "or standard input when DATA is -.\n"
+               "\n"
+               "      --type N        the message type of the request (default 0)\n"
+               "  -t, --timeout MS    how long to wait for the reply (default 5000)\n"
+               "  -j, --json          print the reply as a JSON object: source, type,\n"
+               "                      request_id, data\n"
+               "  -h, --help          print this help\n"
+               "\n"
+               "Exit status: 0 replied, 1 NAME unknown, no resolver, the send failed or no\n"
+               "reply within the time-out, 2 bad command line.\n";
+    case COMMAND_LISTEN:
+        return "Usage: commschannel listen NAME [-n COUNT] [-j]\n"
+               "Creates a channel named NAME and prints every message that arrives: source,\n"
+               "type, request id, length and data (bytes outside printable ASCII escaped\n"
+               "as \\xNN). Stops after COUNT messages, or on SIGINT or SIGTERM.\n"
+               "\n"
+               "  -n, --count COUNT   stop after COUNT messages\n"
+               "  -j, --json          one JSON object a line: source, callback, type,\n"
+               "                      request_id, length, data\n"
+               "  -h, --help          print this help\n"
+               "\n"
+               "Exit status: 0 stopped as asked, 1 no resolver, 2 bad command line.\n";
+    case COMMAND_WAIT:
+        return "Usage: commschannel wait NAME [-t MS]\n"
+               "Waits until the resolver knows the channel NAME; returns at once if it\n"
+               "already does. Also waits for a resolver that is still starting.\n"
+               "\n"
+               "  -t, --timeout MS   how long to wait (default 10000; 0 asks once)\n"
+               "  -h, --help         print this help\n"
+               "\n"
+               "Exit status: 0 NAME is registered, 1 time-out, 2 bad command line.\n";
+    case COMMAND_NONE:
+        break;
+    }
+    return "Usage: commschannel COMMAND [ARGUMENT]...\n"
+           "Looks at and talks to the CommsChannel channels of this host.\n"
+           "\n"
+           "Commands:\n"
+           "  list                         the names the resolver knows, with their\n"
+           "                               processes and socket queues\n"
+           "  send NAME DATA               send one message\n"
+           "  call NAME DATA               send a request and print the reply\n"
+           "  listen NAME                  create a channel and print what arrives\n"
+           "  wait NAME                    wait until a name is registered\n"
+           "\n"
+           "  -h, --help                   print this help (or COMMAND --help)\n"
+           "      --version                print the version\n"
+           "\n"
+           "Exit status: 0 done, 1 what was asked did not happen (time-out, unknown\n"
+           "name, no resolver), 2 bad command line.\n";
+}
+
+}  // namespace cli
