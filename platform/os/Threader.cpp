@@ -1,7 +1,6 @@
 #include "Threader.h"
 
 #include <pthread.h>
-#include <syslog.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -39,8 +38,9 @@ struct StartRecord {
 void reportEscape(const std::string& name, const char* text)
 {
     const char* label = name.empty() ? "(unnamed)" : name.c_str();
+    // Standard error only: the library's one system-log message is the
+    // receive queue's length warning.
     std::fprintf(stderr, "Threader: thread %s ended by an uncaught exception: %s\n", label, text);
-    syslog(LOG_ERR, "Threader: thread %s ended by an uncaught exception: %s", label, text);
 }
 
 void* threadMain(void* raw)

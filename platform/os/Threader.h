@@ -3,8 +3,9 @@
 // each spawn or wait, so any number may exist, on any thread.
 //
 // A thread started here runs its entry function inside a guard: an exception
-// that escapes the entry function is reported on standard error and in the
-// system log with its text, and ends that thread only; the process goes on.
+// that escapes the entry function is reported on standard error with its
+// text (never in the system log) and ends that thread only; the process goes
+// on.
 // The forced unwinding of pthread_exit passes through untouched.
 #ifndef COMMSCHANNEL_THREADER_H
 #define COMMSCHANNEL_THREADER_H
