@@ -11,6 +11,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <utility>
 
@@ -21,6 +24,9 @@ const int QUEUE_WARNING_LENGTH = 50;
 
 // Emptied messages kept per channel for reuse by the next copies.
 const std::size_t MAX_SPARED_MESSAGES = 16;
+
+// How often a wait with a check (receiveReply) looks whether to go on.
+const int CHECK_SLICE_MS = 100;
 
 // The token-balancing wait of a by-id receive that found its message at once.
 const int BALANCE_WAIT = 10;
@@ -129,6 +135,28 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsCh
     return 1;
 }
 
+bool CommsChannel::waitInSlices(Semaphore* idSemaphore, int timeout, const std::function<void()>& check)
+{
+    const std::chrono::steady_clock::time_point deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout < 0 ? 0 : timeout);
+    for (;;) {
+        check();
+        int slice = CHECK_SLICE_MS;
+        if (timeout != -1) {
+            const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                       deadline - std::chrono::steady_clock::now())
+                                       .count();
+            if (left <= 0) {
+                return idSemaphore->take(0) != 0;
+            }
+            slice = static_cast<int>(std::min<long long>(left, CHECK_SLICE_MS));
+        }
+        if (idSemaphore->take(slice)) {
+            return true;
+        }
+    }
+}
+
 void CommsChannel::registerRequestWaiter(long requestId, Semaphore* semaphore)
 {
     // One id has one waiter: the first registration stays and a second one
@@ -196,6 +224,12 @@ int CommsChannel::getMsgFromQ(CommsChannelDataContainerMessage& out, int timeout
 int CommsChannel::getMsgFromQ_ByID(CommsChannelDataContainerMessage& out, long requestId,
                                    Semaphore* idSemaphore, int timeout)
 {
+    return waitForRequestId(out, requestId, idSemaphore, timeout, nullptr);
+}
+
+int CommsChannel::waitForRequestId(CommsChannelDataContainerMessage& out, long requestId, Semaphore* idSemaphore,
+                                   int timeout, const std::function<void()>* check)
+{
     bool waited = false;
     for (;;) {
         m_pqueueMutex->take(-1);
@@ -210,9 +244,13 @@ int CommsChannel::getMsgFromQ_ByID(CommsChannelDataContainerMessage& out, long r
         }
         m_pqueueMutex->give();
         // Each wait gets the full time-out anew.
-        if (timeout == -1) {
-            idSemaphore->take(-1);
-        } else if (!idSemaphore->take(timeout)) {
+        if (check == nullptr) {
+            if (timeout == -1) {
+                idSemaphore->take(-1);
+            } else if (!idSemaphore->take(timeout)) {
+                throw timeoutException(timeout);
+            }
+        } else if (!waitInSlices(idSemaphore, timeout, *check)) {
             throw timeoutException(timeout);
         }
         waited = true;

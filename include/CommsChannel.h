@@ -27,6 +27,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <list>
 #include <map>
 #include <string>
@@ -64,6 +65,17 @@ public:
                               int timeout) override;
     bool isQEmpty() override;
     void shutdown() override;
+
+    // Waits for the answer to requestId from the channel named replier, like
+    // receiveMsg_ByID_Timed (1 with the reply; CommsException on time-out;
+    // timeout -1 waits without limit), and also ends, within a fraction of a
+    // second, once replier is gone: its name was withdrawn by the resolver
+    // (its process ended) or, in this process, its channel was destroyed.
+    // Then it throws CommsPeerGoneException. A replier that this process's
+    // locator does not know at all counts as gone. Not virtual: the
+    // interface's table is unchanged. 0 at once on a channel without socket.
+    int receiveReply(CommsChannelDataContainerMessage& reply, long requestId, const std::string& replier,
+                     int timeout);
 
     // Queues a copy of message (the caller keeps its own), at the priority
     // that this channel's table gives its msgType(), unless the interceptor
@@ -103,6 +115,14 @@ private:
     // names the interface in the queue warning.
     int enqueue(CommsChannelDataContainerMessage* owned, const CommsChannelDataContainerMessage* original,
                 const std::string& interfaceName);
+    // getMsgFromQ_ByID with a check: check is called before each wait and
+    // at least every 100 ms while waiting; it ends the receive by throwing.
+    int waitForRequestId(CommsChannelDataContainerMessage& out, long requestId, Semaphore* idSemaphore,
+                         int timeout, const std::function<void()>* check);
+    // Waits for a count of idSemaphore up to timeout ms (-1: no limit) in
+    // slices, calling check before each. False when the time ran out.
+    static bool waitInSlices(Semaphore* idSemaphore, int timeout, const std::function<void()>& check);
+
     // The request-id map is keyed by the id as an int, where different ids
     // can meet (and id 0's placeholder entry lives). Waiters are therefore
     // matched through a map keyed by the full id, kept beside it; the int

@@ -72,6 +72,11 @@ public:
     // go through here; they share the dispatcher until they are done.
     CommsChannelDispatcher* getDispatcher(const std::string& channelName);
 
+    // True while the name stands in the local or the remote map: a channel
+    // of this process, or a name the resolver announced and has not
+    // withdrawn. Takes the map lock; never asks the resolver.
+    bool knowsName(const std::string& channelName);
+
     // Entries in the local map plus entries in the remote map. No lock.
     unsigned int size();
     // Prints every entry, local map first, to standard output. No lock.

@@ -274,3 +274,11 @@ CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelN
     }
     return dispatcher != nullptr ? dispatcher : sharedNullDispatcher();
 }
+
+bool CommsChannelLocator::knowsName(const std::string& channelName)
+{
+    m_pmapLock->take(-1);
+    const bool known = find(m_plocalMap, channelName) != nullptr || find(m_premoteMap, channelName) != nullptr;
+    m_pmapLock->give();
+    return known;
+}
