@@ -8,7 +8,12 @@
 set -u
 resolver=$1
 shift
-state=$(mktemp -d /tmp/commschannel-bench-resolver.XXXXXX)
+# The state file goes to a tmpfs when there is one, as it does on a real
+# system (/run): the resolver saves its table before it answers, and a
+# disk-backed /tmp would make every registration wait for the disk.
+state_root=/tmp
+[ -d /dev/shm ] && [ -w /dev/shm ] && state_root=/dev/shm
+state=$(mktemp -d "$state_root/commschannel-bench-resolver.XXXXXX")
 "$resolver" --state-file "$state/resolver.state" &
 resolver_pid=$!
 stop_resolver() {
