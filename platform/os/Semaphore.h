@@ -3,18 +3,10 @@
 // counter. Every operation is safe to call from any number of threads at once.
 // The creator owns the object; it must not be destroyed while a thread still
 // waits in take().
-//
-// The count lives in an atomic, so that an uncontended take() or give() is a
-// single compare-and-swap and never enters the kernel; a mutex and condition
-// variable are used only by threads that have to sleep, and give() touches
-// them only when someone sleeps. This is what makes the library's per-message
-// locks and wake-ups cheap.
 #ifndef COMMSCHANNEL_SEMAPHORE_H
 #define COMMSCHANNEL_SEMAPHORE_H
 
 #include <pthread.h>
-
-#include <atomic>
 
 class Semaphore {
 public:
@@ -46,17 +38,10 @@ public:
     int count() const;
 
 private:
-    // Takes a count if one is there, without waiting.
-    bool tryTake();
-    // The slow path of take(): sleeps on the condition variable.
-    int sleepingTake(int timeout);
-
-    std::atomic<int> m_count;
-    // Threads inside sleepingTake(); give() signals only when it is not 0.
-    std::atomic<int> m_sleepers;
-    const int m_maxCount;
-    pthread_mutex_t m_mutex;
+    mutable pthread_mutex_t m_mutex;
     pthread_cond_t m_available;
+    int m_count;   // guarded by m_mutex
+    const int m_maxCount;
 };
 
 #endif
