@@ -101,6 +101,34 @@ Resolver::Resolver(MillisecondClock clock, ProcessLookup lookup)
 {
 }
 
+void Resolver::identifyPending()
+{
+    std::vector<int> pending;
+    pending.swap(m_pendingIdentify);
+    for (std::vector<int>::const_iterator port = pending.begin(); port != pending.end(); ++port) {
+        if (!m_lookup || m_processes.count(*port) != 0 || !m_table.hasLocator(*port)) {
+            continue;
+        }
+        const ProcessIdentity process = m_lookup(*port);
+        if (process.pid > 0) {
+            m_processes[*port] = process;
+        }
+    }
+    std::vector<PendingRegistration> registrations;
+    registrations.swap(m_pendingLog);
+    if (!log::enabled(log::LEVEL_INFO)) {
+        return;
+    }
+    for (std::vector<PendingRegistration>::const_iterator it = registrations.begin(); it != registrations.end(); ++it) {
+        log::write(log::LEVEL_INFO, "%s registered its locator; sent %zu channel(s) in %zu update(s)",
+                   describe(it->port).c_str(), it->channels, it->updates);
+        if (it->announcedPort != it->port) {
+            log::write(log::LEVEL_INFO, "%s announced port %d for its locator; answering the source port",
+                       describe(it->port).c_str(), it->announcedPort);
+        }
+    }
+}
+
 std::string Resolver::describe(int port)
 {
     std::map<int, ProcessIdentity>::const_iterator known = m_processes.find(port);
@@ -176,23 +204,20 @@ std::vector<Outgoing> Resolver::handleRegister(int sourcePort, int announcedPort
     if (m_table.addLocator(sourcePort)) {
         m_changed = true;
     }
-    // Looked up now, while the process is surely alive: the lines about its
-    // end are written when it no longer is.
-    if (m_lookup) {
-        const ProcessIdentity process = m_lookup(sourcePort);
-        if (process.pid > 0) {
-            m_processes[sourcePort] = process;
-        }
-    }
+    // Looked up soon, while the process is surely alive (the lines about its
+    // end are written when it no longer is), but only once the answers of
+    // this round have gone out: finding the owner of a port reads every
+    // process's descriptors, and a new locator's first update must not wait
+    // for that.
+    m_pendingIdentify.push_back(sourcePort);
     const std::vector<Encoding> updates = encodeUpdates(allChannelsAsAdded(m_table));
-    if (log::enabled(log::LEVEL_INFO)) {
-        log::write(log::LEVEL_INFO, "%s registered its locator; sent %zu channel(s) in %zu update(s)",
-                   describe(sourcePort).c_str(), m_table.channels().size(), updates.size());
-        if (announcedPort != sourcePort) {
-            log::write(log::LEVEL_INFO, "%s announced port %d for its locator; answering the source port",
-                       describe(sourcePort).c_str(), announcedPort);
-        }
-    }
+    // Logged by identifyPending(), which names the process by its pid.
+    PendingRegistration pending;
+    pending.port = sourcePort;
+    pending.announcedPort = announcedPort;
+    pending.channels = m_table.channels().size();
+    pending.updates = updates.size();
+    m_pendingLog.push_back(pending);
     std::vector<Outgoing> replies;
     for (std::vector<Encoding>::const_iterator it = updates.begin(); it != updates.end(); ++it) {
         replies.push_back(outgoing(sourcePort, *it));

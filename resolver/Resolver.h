@@ -83,6 +83,11 @@ public:
     // Handles one received datagram of length bytes from 127.0.0.1 at
     // sourcePort. Returns the datagrams to send, in order.
     std::vector<Outgoing> handleDatagram(const char* bytes, std::size_t length, int sourcePort);
+    // Finds the processes of the locators registered since the last call
+    // (the lookup is slow: it reads every process's descriptors) and writes
+    // their registration lines. Call it after the answers of a round have
+    // been sent.
+    void identifyPending();
 
     // Withdraws every locator and channel whose port is not in boundPorts
     // (the ports still reachable on 127.0.0.1), with the channels owned by a
@@ -131,6 +136,15 @@ private:
     ProcessLookup m_lookup;
     // The process of each registered locator, as found when it registered.
     std::map<int, ProcessIdentity> m_processes;
+    std::vector<int> m_pendingIdentify;  // locator ports registered, not yet looked up
+    // A registration answered but not yet logged (see identifyPending).
+    struct PendingRegistration {
+        int port = 0;
+        int announcedPort = 0;
+        std::size_t channels = 0;
+        std::size_t updates = 0;
+    };
+    std::vector<PendingRegistration> m_pendingLog;
 };
 
 }  // namespace resolver

@@ -131,6 +131,7 @@ int ResolverServer::run()
         // change may count on it surviving a crash of the resolver.
         saveIfDue(false);
         sendAll(outgoing);
+        m_resolver.identifyPending();
     }
     // The table is kept on purpose: a resolver started later takes back the
     // names whose processes still run.

@@ -75,6 +75,8 @@ protected:
     std::vector<Outgoing> deliver(const std::string& bytes, int fromPort)
     {
         std::vector<Outgoing> out = sut.handleDatagram(bytes.data(), bytes.size(), fromPort);
+        // As the server loop does once the answers have gone out.
+        sut.identifyPending();
         for (const Outgoing& datagram : out) {
             EXPECT_FALSE(datagram.bytes.empty());
             EXPECT_LE(datagram.bytes.size(), LARGEST_UDP_PAYLOAD);
@@ -459,6 +461,25 @@ TEST_F(ResolverTest, ProcessIsRememberedFromItsRegistration)
     counted.handleDatagram(registration.data(), registration.size(), LOCATOR_A);
     EXPECT_EQ("pid 101 (server)", counted.describe(LOCATOR_A));
     EXPECT_EQ("pid 101 (server)", counted.describe(LOCATOR_A));
+    EXPECT_EQ(1, lookups);
+}
+
+TEST_F(ResolverTest, RegistrationIsAnsweredBeforeItsProcessIsLookedUp)
+{
+    int lookups = 0;
+    resolver::Resolver counted(fakeClock, [&](int port) {
+        ++lookups;
+        return fakeLookup(port);
+    });
+    const std::string registration = registerLocator(LOCATOR_A);
+    const std::vector<resolver::Outgoing> replies =
+        counted.handleDatagram(registration.data(), registration.size(), LOCATOR_A);
+    EXPECT_FALSE(replies.empty());
+    EXPECT_EQ(0, lookups);
+    counted.identifyPending();
+    EXPECT_EQ(1, lookups);
+    EXPECT_EQ("pid 101 (server)", counted.describe(LOCATOR_A));
+    counted.identifyPending();
     EXPECT_EQ(1, lookups);
 }
 
