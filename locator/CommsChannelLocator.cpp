@@ -16,7 +16,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -140,10 +140,19 @@ void* receiveLocatorUpdateMessage(void* argument)
     LocatorLink* link = static_cast<LocatorLink*>(argument);
     const int socketFd = link->socket;
     while (!link->stopRequested()) {
-        fd_set readSet;
-        FD_ZERO(&readSet);
-        FD_SET(socketFd, &readSet);
-        if (select(socketFd + 1, &readSet, nullptr, nullptr, nullptr) < 0) {
+        // poll rather than select: the descriptor may be 1024 or more, or
+        // -1 when the socket could not be made (poll then just waits for
+        // the wake-up that never needs it: the stop test below).
+        pollfd watched;
+        watched.fd = socketFd;
+        watched.events = POLLIN;
+        watched.revents = 0;
+        if (socketFd < 0) {
+            // No socket: nothing will ever arrive; wait to be stopped.
+            poll(nullptr, 0, 100);
+            continue;
+        }
+        if (poll(&watched, 1, -1) < 0) {
             continue;
         }
         if (link->stopRequested()) {
@@ -384,7 +393,7 @@ int CommsChannelLocator::shutdownReceiver()
     self.sin_family = AF_INET;
     self.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     self.sin_port = htons(static_cast<uint16_t>(m_port));
-    // A zero-length datagram wakes select without being read.
+    // A zero-length datagram wakes the thread's poll without being read.
     if (sendto(m_socket, "", 0, 0, reinterpret_cast<sockaddr*>(&self), sizeof self) == -1) {
         perror("CommsChannelLocator::shutdownReceiver sendto");
         return 0;
