@@ -749,16 +749,19 @@ TEST(CommsChannelQueueReuseTest, ReceiveIntoAStringGivesTheWholeDataOfEachMessag
 
 namespace {
 
-// Ids that a long can hold but an int cannot tell apart from others.
-class RequestIdBeyondIntTest : public testing::TestWithParam<long> {
+// Ids that a long can hold but an int cannot tell apart from others. They
+// are written as 64-bit values, so that where long has 32 bits the ones it
+// cannot hold are skipped rather than wrapped onto ordinary ids.
+class RequestIdBeyondIntTest : public testing::TestWithParam<long long> {
 protected:
     RequestIdBeyondIntTest() : sut("") {}
     void SetUp() override
     {
-        if (sizeof(long) <= sizeof(int) && static_cast<long>(static_cast<int>(GetParam())) != GetParam()) {
+        if (static_cast<long long>(static_cast<long>(GetParam())) != GetParam()) {
             GTEST_SKIP() << "this id does not exist where long is 32 bits";
         }
     }
+    long id() const { return static_cast<long>(GetParam()); }
     void add(long requestId)
     {
         CommsChannelDataContainerMessage queued = channeltest::message("odd id", 0, requestId);
@@ -771,7 +774,7 @@ protected:
 
 TEST_P(RequestIdBeyondIntTest, WithNoWaiterTheTokenGoesToTheQueueAndAPlainReceiveGetsIt)
 {
-    add(GetParam());
+    add(id());
     EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
     std::string data;
     ASSERT_EQ(1, sut.receiveMsg(data));
@@ -782,7 +785,7 @@ TEST_P(RequestIdBeyondIntTest, AWaiterForFiveNeverTakesItsToken)
 {
     Semaphore waiterForFive(0, 1, false);
     CommsChannelInspector::registerRequestId(sut, 5L, &waiterForFive);
-    add(GetParam());
+    add(id());
     EXPECT_EQ(0, waiterForFive.count());
     EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
     CommsChannelInspector::unregisterRequestId(sut, 5L);
@@ -790,7 +793,7 @@ TEST_P(RequestIdBeyondIntTest, AWaiterForFiveNeverTakesItsToken)
 
 TEST_P(RequestIdBeyondIntTest, AByIdReceiveForFiveTimesOutAndTheMessageStaysForAPlainReceive)
 {
-    add(GetParam());
+    add(id());
     CommsChannelDataContainerMessage out;
     EXPECT_THROW(sut.receiveMsg_ByID_Timed(out, 5L, 100), CommsException);
     std::string data;
@@ -802,18 +805,17 @@ TEST_P(RequestIdBeyondIntTest, AByIdReceiveForThatVeryIdGetsIt)
 {
     // Whether the message comes before or after the registration, the
     // receive gets it and balances its token.
-    std::thread late([this] { add(GetParam()); });
+    std::thread late([this] { add(id()); });
     CommsChannelDataContainerMessage out;
-    EXPECT_EQ(1, sut.receiveMsg_ByID_Timed(out, GetParam(), 20000));
-    EXPECT_EQ(GetParam(), out.requestId());
+    EXPECT_EQ(1, sut.receiveMsg_ByID_Timed(out, id(), 20000));
+    EXPECT_EQ(id(), out.requestId());
     late.join();
     // Its token went to the waiter; the queue semaphore holds none.
     EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
 }
 
 INSTANTIATE_TEST_SUITE_P(Ids, RequestIdBeyondIntTest,
-                         testing::Values(static_cast<long>(std::numeric_limits<unsigned int>::max()) + 1,
-                                         static_cast<long>(std::numeric_limits<unsigned int>::max()) + 6, -1L,
-                                         std::numeric_limits<long>::max()));
+                         testing::Values(1LL << 32, (1LL << 32) + 5, -1LL,
+                                         static_cast<long long>(std::numeric_limits<long>::max())));
 
 }  // namespace
