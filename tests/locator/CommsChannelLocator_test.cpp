@@ -9,6 +9,7 @@
 #include "CommsChannelRegisterLocatorMessage.h"
 #include "FakeResolver.h"
 #include "LocatorProbe.h"
+#include "ReceiverProbe.h"
 #include "StderrRecorder.h"
 #include "TestUtil.h"
 #include "WireCodec.h"
@@ -16,6 +17,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
@@ -353,6 +355,25 @@ TEST_F(CommsChannelLocatorTest, LocatorEndingRightAfterItStartedStillUnregisters
         EXPECT_EQ(registrations[round].sourcePort, unregistrations[round].sourcePort) << round;
         EXPECT_EQ(registrations[round].port, unregistrations[round].port) << round;
     }
+}
+
+TEST_F(CommsChannelLocatorTest, LocatorWhoseSocketIsAbove1024AppliesUpdatesAndStops)
+{
+    if (!cctest::allowDescriptors(1200)) {
+        GTEST_SKIP() << "cannot open 1200 descriptors here";
+    }
+    FakeResolver fakeResolver;
+    ASSERT_TRUE(fakeResolver.ok());
+    const std::vector<int> fillers = cctest::occupyDescriptorsUpTo(1030);
+    CommsChannel* anchor = new CommsChannel("anchor");
+    for (int fd : fillers) {
+        close(fd);
+    }
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+    ASSERT_GT(CommsChannelLocatorInspector::socket(*LocatorProbe::current()), 1024);
+    sendMarkerAndWait(fakeResolver);
+    EXPECT_TRUE(cctest::destroyWithin(anchor));
+    EXPECT_EQ(nullptr, LocatorProbe::current());
 }
 
 TEST_F(CommsChannelLocatorTest, DestroyedLocatorHasClosedItsSocket)

@@ -289,35 +289,14 @@ TEST_F(CommsChannelReceiverTest, StatusUpdatesAreDrainedByTheThread)
 
 namespace {
 
-// Raises the soft limit on open descriptors as far as the hard limit allows;
-// false when fewer than wanted can be open.
-bool allowDescriptors(rlim_t wanted)
-{
-    rlimit limit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return false;
-    }
-    if (limit.rlim_cur < wanted) {
-        limit.rlim_cur = std::min(wanted, limit.rlim_max);
-        setrlimit(RLIMIT_NOFILE, &limit);
-        getrlimit(RLIMIT_NOFILE, &limit);
-    }
-    return limit.rlim_cur >= wanted;
-}
-
 TEST_F(CommsChannelReceiverTest, ChannelWhoseDescriptorIsAbove1024ReceivesLikeAnyOther)
 {
-    if (!allowDescriptors(1200)) {
+    if (!cctest::allowDescriptors(1200)) {
         GTEST_SKIP() << "cannot open 1200 descriptors here";
     }
     CommsChannel low("");
     // Fill the descriptor table until the next socket lands above 1024.
-    std::vector<int> fillers;
-    while (cctest::nextFreeDescriptor() <= 1030) {
-        const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        ASSERT_GE(fd, 0);
-        fillers.push_back(fd);
-    }
+    const std::vector<int> fillers = cctest::occupyDescriptorsUpTo(1030);
     CommsChannel* high = new CommsChannel("");
     ASSERT_GT(high->socketHandle(), 1024);
     for (int fd : fillers) {

@@ -5,9 +5,11 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -153,6 +155,33 @@ int nextFreeDescriptor()
         close(fd);
     }
     return fd;
+}
+
+bool allowDescriptors(unsigned long wanted)
+{
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return false;
+    }
+    if (limit.rlim_cur < wanted) {
+        limit.rlim_cur = std::min(static_cast<rlim_t>(wanted), limit.rlim_max);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        getrlimit(RLIMIT_NOFILE, &limit);
+    }
+    return limit.rlim_cur >= wanted;
+}
+
+std::vector<int> occupyDescriptorsUpTo(int lowest)
+{
+    std::vector<int> opened;
+    while (nextFreeDescriptor() <= lowest) {
+        const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            break;
+        }
+        opened.push_back(fd);
+    }
+    return opened;
 }
 
 }  // namespace cctest

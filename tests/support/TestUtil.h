@@ -60,6 +60,14 @@ std::string diagnosticsLogPath();
 // A descriptor number that is not open now (the next one the kernel gives).
 int nextFreeDescriptor();
 
+// Raises the soft limit on open descriptors as far as the hard limit allows;
+// false when fewer than wanted can be open.
+bool allowDescriptors(unsigned long wanted);
+
+// Opens /dev/null until the next descriptor the kernel gives is above
+// lowest; returns the descriptors opened, for the caller to close.
+std::vector<int> occupyDescriptorsUpTo(int lowest);
+
 }  // namespace cctest
 
 #endif
