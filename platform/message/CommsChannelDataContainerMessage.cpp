@@ -199,6 +199,7 @@ void CommsChannelDataContainerMessage::encodeBody(wire::Writer& writer)
         writer.putU8(DATA_IN_FILE);
         writer.putString(m_dataFile);
         writer.putU64(static_cast<std::uint64_t>(m_data.size()));
+        writer.putU32(static_cast<std::uint32_t>(spool::writerId()));
         m_dataFileHandedOut = true;
     } else {
         writer.putU8(DATA_INLINE);
@@ -220,11 +221,13 @@ bool CommsChannelDataContainerMessage::decodeBody(wire::Reader& reader)
     std::string data;
     std::string dataFile;
     std::uint64_t fileLength = 0;
+    std::uint32_t fileOwner = 0;
     if (dataKind == DATA_INLINE) {
         data = reader.getString();
     } else if (dataKind == DATA_IN_FILE) {
         dataFile = reader.getString();
         fileLength = reader.getU64();
+        fileOwner = reader.getU32();
     } else {
         reader.fail();
     }
@@ -235,7 +238,7 @@ bool CommsChannelDataContainerMessage::decodeBody(wire::Reader& reader)
     }
     // The file is read last, once everything else is known to be sound, so a
     // malformed encoding never consumes somebody's file.
-    if (dataKind == DATA_IN_FILE && !spool::retrieve(dataFile, fileLength, data)) {
+    if (dataKind == DATA_IN_FILE && !spool::retrieve(dataFile, static_cast<uid_t>(fileOwner), fileLength, data)) {
         return false;
     }
     dropDataFile();

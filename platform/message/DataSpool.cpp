@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <random>
 
@@ -25,25 +26,53 @@ const std::size_t NAME_LENGTH = 3 + 8 + 1 + 16;
 std::atomic<std::uint32_t> sequence{0};
 std::atomic<long> lastSweep{0};
 
-// Opens the spool directory, creating it when missing. Returns a descriptor
-// or -1 when it is absent, not a directory, a link, foreign or open to others.
-int openDirectory()
+const mode_t DIRECTORY_MODE = 0770;
+const mode_t FILE_MODE = 0640;
+
+// A directory that some user may use for spooling: a real directory (never
+// followed through a link) owned by owner, with no permission for others.
+// Returns a descriptor, or -1 with errno set (EPERM when it is not such a
+// directory).
+int openDirectoryOf(uid_t owner)
 {
-    const std::string path = directory();
-    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-        return -1;
-    }
+    const std::string path = directoryOf(owner);
     const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         return -1;
     }
     struct stat info;
-    if (fstat(fd, &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != geteuid() ||
-        (info.st_mode & 077) != 0) {
+    if (fstat(fd, &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != owner ||
+        (info.st_mode & S_IRWXO) != 0) {
         close(fd);
+        errno = EPERM;
         return -1;
     }
     return fd;
+}
+
+// This user's directory for writing, created when missing. A new directory
+// is opened to the writer's group, whatever the umask; one that exists is
+// used as its owner left it, as long as others are shut out.
+int openOwnDirectory()
+{
+    const std::string path = directory();
+    const bool created = mkdir(path.c_str(), 0700) == 0;
+    if (!created && errno != EEXIST) {
+        return -1;
+    }
+    const int fd = openDirectoryOf(writerId());
+    if (fd >= 0 && created) {
+        fchmod(fd, DIRECTORY_MODE);
+    }
+    return fd;
+}
+
+// One line on standard error for a file that a message refers to but that
+// cannot be read: its data is lost, and the user must be able to see why.
+void unreadable(uid_t owner, const std::string& name, const char* reason)
+{
+    std::fprintf(stderr, "CommsChannelDataContainerMessage::decode: cannot read large data file %s/%s: %s\n",
+                 directoryOf(owner).c_str(), name.c_str(), reason);
 }
 
 bool isHex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
@@ -90,7 +119,11 @@ void sweepStale(int directoryFd)
 
 }  // namespace
 
-std::string directory() { return "/tmp/commschannel-spool-" + std::to_string(geteuid()); }
+std::string directory() { return directoryOf(writerId()); }
+
+std::string directoryOf(uid_t owner) { return "/tmp/commschannel-spool-" + std::to_string(owner); }
+
+uid_t writerId() { return geteuid(); }
 
 bool isValidName(const std::string& name)
 {
@@ -107,7 +140,7 @@ bool isValidName(const std::string& name)
 
 std::string store(const char* data, std::size_t length)
 {
-    const int dirFd = openDirectory();
+    const int dirFd = openOwnDirectory();
     if (dirFd < 0) {
         return "";
     }
@@ -118,6 +151,9 @@ std::string store(const char* data, std::size_t length)
         close(dirFd);
         return "";
     }
+    // Readable by the writer's group only once it is ours: the umask must
+    // not decide who may receive the data.
+    fchmod(fd, FILE_MODE);
     std::size_t written = 0;
     while (written < length) {
         const ssize_t n = write(fd, data + written, length - written);
@@ -140,27 +176,34 @@ std::string store(const char* data, std::size_t length)
     return ok ? name : "";
 }
 
-bool retrieve(const std::string& name, std::uint64_t length, std::string& out)
+bool retrieve(const std::string& name, uid_t owner, std::uint64_t length, std::string& out)
 {
     if (!isValidName(name) || length > static_cast<std::uint64_t>(out.max_size())) {
         return false;
     }
-    const int dirFd = openDirectory();
+    const int dirFd = openDirectoryOf(owner);
     if (dirFd < 0) {
+        const int reason = errno;
+        unreadable(owner, name, errno == EPERM ? "the spool directory is not its writer's own" : std::strerror(reason));
         return false;
     }
     // O_NONBLOCK keeps a planted FIFO from blocking the open; O_NOFOLLOW
     // refuses a planted link.
     const int fd = openat(dirFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
+        unreadable(owner, name, std::strerror(errno));
         close(dirFd);
         return false;
     }
     struct stat info;
-    bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() &&
-              static_cast<std::uint64_t>(info.st_size) == length;
+    const char* refusal = nullptr;
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != owner) {
+        refusal = "not a regular file of its writer";
+    } else if (static_cast<std::uint64_t>(info.st_size) != length) {
+        refusal = "its size is not the message's";
+    }
     std::string data;
-    if (ok) {
+    if (refusal == nullptr) {
         largedata::prepare(data, static_cast<std::size_t>(length));
         data.resize(static_cast<std::size_t>(length));
         std::size_t done = 0;
@@ -170,19 +213,23 @@ bool retrieve(const std::string& name, std::uint64_t length, std::string& out)
                 continue;
             }
             if (n <= 0) {
+                refusal = n < 0 ? std::strerror(errno) : "it ended early";
                 break;
             }
             done += static_cast<std::size_t>(n);
         }
-        ok = done == data.size();
     }
     close(fd);
-    if (ok) {
+    if (refusal == nullptr) {
+        // A reader that may not remove it (another user outside the
+        // directory's group) leaves it to the writer's sweep.
         unlinkat(dirFd, name.c_str(), 0);
         out.swap(data);
+    } else {
+        unreadable(owner, name, refusal);
     }
     close(dirFd);
-    return ok;
+    return refusal == nullptr;
 }
 
 void discard(const std::string& name)
@@ -190,7 +237,7 @@ void discard(const std::string& name)
     if (!isValidName(name)) {
         return;
     }
-    const int dirFd = openDirectory();
+    const int dirFd = openDirectoryOf(writerId());
     if (dirFd < 0) {
         return;
     }

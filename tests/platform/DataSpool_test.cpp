@@ -10,10 +10,12 @@
 #include "DataSpool.h"
 
 #include "ChildProcess.h"
+#include "StderrRecorder.h"
 #include "PlatformTestSupport.h"
 #include "TestUtil.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -254,7 +256,7 @@ TEST_F(DataSpoolTest, NamesOutsideThePatternAreInvalid)
     }
 }
 
-TEST_F(DataSpoolTest, PutDataToFileCreatesTheSpoolDirectoryForTheOwnerOnly)
+TEST_F(DataSpoolTest, PutDataToFileCreatesTheSpoolDirectoryForTheOwnerAndItsGroupOnly)
 {
     ASSERT_FALSE(exists(spoolDir()));
     std::unique_ptr<CommsChannelDataContainerMessage> sut(messageWith(patternData(100000, 1)));
@@ -262,11 +264,12 @@ TEST_F(DataSpoolTest, PutDataToFileCreatesTheSpoolDirectoryForTheOwnerOnly)
     struct stat info;
     ASSERT_EQ(0, lstat(spoolDir().c_str(), &info));
     EXPECT_TRUE(S_ISDIR(info.st_mode));
-    EXPECT_EQ(0700U, info.st_mode & 07777);
+    EXPECT_EQ(0770U, info.st_mode & 07777);
     EXPECT_EQ(geteuid(), info.st_uid);
+    EXPECT_EQ(getegid(), info.st_gid);
 }
 
-TEST_F(DataSpoolTest, PutDataToFileWritesTheDataToAnOwnerOnlyFileNamedAfterThisProcess)
+TEST_F(DataSpoolTest, PutDataToFileWritesTheDataToAFileForTheOwnerAndItsGroupNamedAfterThisProcess)
 {
     const std::string data = patternData(100000, 2);
     std::unique_ptr<CommsChannelDataContainerMessage> sut(messageWith(data));
@@ -279,7 +282,7 @@ TEST_F(DataSpoolTest, PutDataToFileWritesTheDataToAnOwnerOnlyFileNamedAfterThisP
     struct stat info;
     ASSERT_EQ(0, lstat(spoolPath(files[0]).c_str(), &info));
     EXPECT_TRUE(S_ISREG(info.st_mode));
-    EXPECT_EQ(0600U, info.st_mode & 07777);
+    EXPECT_EQ(0640U, info.st_mode & 07777);
     EXPECT_EQ(geteuid(), info.st_uid);
     EXPECT_EQ(data, cctest::readFile(spoolPath(files[0])));
     // The message keeps its data in memory all the same.
@@ -308,6 +311,7 @@ TEST_F(DataSpoolTest, EncodingWithAFileCarriesOnlyTheReference)
                                .u8(1)
                                .str(files[0])
                                .u64(data.size())
+                               .u32(static_cast<std::uint32_t>(geteuid()))
                                .bytes();
     EXPECT_EQ(expected, encoding);
     EXPECT_LT(encoding.size(), 200U);
@@ -776,6 +780,225 @@ TEST_F(DataSpoolTest, StaleFilesAreRemovedByALaterWriter)
     EXPECT_FALSE(exists(spoolPath(stale)));
     EXPECT_TRUE(exists(spoolPath(fresh)));
     EXPECT_TRUE(exists(spoolPath(staleForeign)));
+}
+
+// Large data between processes of different users. Each process takes on
+// the user and group it is given before it touches the spool; the parent,
+// root in the test's namespaces, plays the part of a receiving root process.
+
+const uid_t WRITER_UID = 4243;
+const uid_t OTHER_UID = 4244;
+const gid_t SHARED_GID = 5000;
+
+// Makes this process the given user with the given group and nothing else.
+bool becomeUser(const std::string& uid, const std::string& gid)
+{
+    const gid_t group = static_cast<gid_t>(std::stoul(gid));
+    const uid_t user = static_cast<uid_t>(std::stoul(uid));
+    return setgroups(0, nullptr) == 0 && setgid(group) == 0 && setuid(user) == 0 && geteuid() == user;
+}
+
+// Child: as user args[0] with group args[1] and a umask that would shut the
+// group out, spools data of size args[2] and seed args[3] and prints the
+// encoding in hex.
+CC_CHILD_MAIN(spoolWriterAs)
+{
+    if (!becomeUser(args.at(0), args.at(1))) {
+        cctest::childSay("NO USER");
+        return cctest::CHILD_FAILED;
+    }
+    umask(077);
+    const std::string data = patternData(static_cast<std::size_t>(std::stoul(args.at(2))),
+                                         static_cast<unsigned>(std::stoul(args.at(3))));
+    CommsChannelDataContainerMessage message;
+    message.setChannel("receiver");
+    message.setData(data.data(), static_cast<int>(data.size()));
+    message.putDataToFile();
+    int length = 0;
+    const char* encoding = message.encode(&length);
+    if (encoding == nullptr) {
+        return cctest::CHILD_FAILED;
+    }
+    cctest::childSay("ENCODING " + hex(Bytes(encoding, encoding + length)));
+    return cctest::CHILD_OK;
+}
+
+// Child: as user args[0] with group args[1], decodes the encoding args[2]
+// and says whether the data is that of size args[3] and seed args[4], then
+// what it wrote on standard error meanwhile.
+CC_CHILD_MAIN(spoolReaderAs)
+{
+    if (!becomeUser(args.at(0), args.at(1))) {
+        cctest::childSay("NO USER");
+        return cctest::CHILD_FAILED;
+    }
+    const Bytes encoding = unhex(args.at(2));
+    std::string errors;
+    bool intact = false;
+    {
+        cctest::StderrRecorder recorder;
+        std::unique_ptr<char[]> buffer(new char[encoding.size()]);
+        std::memcpy(buffer.get(), encoding.data(), encoding.size());
+        CommsChannelMessageCreator creator;
+        std::unique_ptr<CommsChannelMessage> message(creator.decodeMessage(buffer.get()));
+        const CommsChannelDataContainerMessage* data =
+            dynamic_cast<const CommsChannelDataContainerMessage*>(message.get());
+        intact = data != nullptr &&
+                 data->getData() == patternData(static_cast<std::size_t>(std::stoul(args.at(3))),
+                                                static_cast<unsigned>(std::stoul(args.at(4))));
+        errors = recorder.text();
+    }
+    cctest::childSay(intact ? "INTACT" : "NOT INTACT");
+    for (char& c : errors) {
+        if (c == '\n') {
+            c = '|';
+        }
+    }
+    cctest::childSay("STDERR " + errors);
+    return cctest::CHILD_OK;
+}
+
+class CrossUserSpoolTest : public DataSpoolTest {
+protected:
+    void SetUp() override
+    {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "processes of other users need root in the test's namespaces";
+        }
+        DataSpoolTest::SetUp();
+    }
+    static std::string writerDir() { return spool::directoryOf(WRITER_UID); }
+    static std::vector<std::string> writerFiles()
+    {
+        std::vector<std::string> names;
+        DIR* dir = opendir(writerDir().c_str());
+        while (dir != nullptr) {
+            dirent* entry = readdir(dir);
+            if (entry == nullptr) {
+                closedir(dir);
+                break;
+            }
+            if (spool::isValidName(entry->d_name)) {
+                names.push_back(entry->d_name);
+            }
+        }
+        return names;
+    }
+    // Spools data as the writer and returns the encoding in hex ("" if not).
+    static std::string spoolAs(uid_t uid, gid_t gid, std::size_t size, unsigned seed)
+    {
+        cctest::ChildProcess writer("spoolWriterAs",
+                                    {std::to_string(uid), std::to_string(gid), std::to_string(size), std::to_string(seed)});
+        std::string encodingHex;
+        if (!writer.waitForPrefix("ENCODING ", &encodingHex, 60000) || writer.wait(60000) != cctest::CHILD_OK) {
+            return "";
+        }
+        return encodingHex;
+    }
+    struct ReadOutcome {
+        bool intact = false;
+        std::string errors;
+    };
+    static ReadOutcome readAs(uid_t uid, gid_t gid, const std::string& encodingHex, std::size_t size, unsigned seed)
+    {
+        cctest::ChildProcess reader("spoolReaderAs", {std::to_string(uid), std::to_string(gid), encodingHex,
+                                                      std::to_string(size), std::to_string(seed)});
+        ReadOutcome outcome;
+        std::string line;
+        if (reader.readLine(line, 60000)) {
+            outcome.intact = line == "INTACT";
+        }
+        reader.waitForPrefix("STDERR ", &outcome.errors, 60000);
+        EXPECT_EQ(cctest::CHILD_OK, reader.wait(60000));
+        return outcome;
+    }
+};
+
+TEST_F(CrossUserSpoolTest, RootReceivesLargeDataThatAnotherUserSpooled)
+{
+    const std::string encodingHex = spoolAs(WRITER_UID, WRITER_UID, 1 << 20, 50);
+    ASSERT_FALSE(encodingHex.empty());
+    ASSERT_EQ(1U, writerFiles().size());
+    std::unique_ptr<CommsChannelDataContainerMessage> decoded = decode(unhex(encodingHex));
+    ASSERT_NE(nullptr, decoded);
+    EXPECT_EQ(patternData(1 << 20, 50), decoded->getData());
+    EXPECT_TRUE(writerFiles().empty());
+}
+
+TEST_F(CrossUserSpoolTest, AProcessOfTheWritersGroupReceivesTheDataAndRemovesTheFile)
+{
+    const std::string encodingHex = spoolAs(WRITER_UID, SHARED_GID, 300000, 51);
+    ASSERT_FALSE(encodingHex.empty());
+    ASSERT_EQ(1U, writerFiles().size());
+    const ReadOutcome outcome = readAs(OTHER_UID, SHARED_GID, encodingHex, 300000, 51);
+    EXPECT_TRUE(outcome.intact);
+    EXPECT_EQ("", outcome.errors);
+    EXPECT_TRUE(writerFiles().empty());
+}
+
+TEST_F(CrossUserSpoolTest, SpoolIsOpenToTheWritersGroupWhateverItsUmaskAndClosedToOthers)
+{
+    const std::string encodingHex = spoolAs(WRITER_UID, SHARED_GID, 100000, 52);
+    ASSERT_FALSE(encodingHex.empty());
+    const std::vector<std::string> files = writerFiles();
+    ASSERT_EQ(1U, files.size());
+    struct stat info;
+    ASSERT_EQ(0, lstat(writerDir().c_str(), &info));
+    EXPECT_EQ(0770U, info.st_mode & 07777);
+    EXPECT_EQ(WRITER_UID, info.st_uid);
+    EXPECT_EQ(SHARED_GID, info.st_gid);
+    ASSERT_EQ(0, lstat((writerDir() + "/" + files[0]).c_str(), &info));
+    EXPECT_EQ(0640U, info.st_mode & 07777);
+    EXPECT_EQ(WRITER_UID, info.st_uid);
+    EXPECT_EQ(SHARED_GID, info.st_gid);
+}
+
+TEST_F(CrossUserSpoolTest, AnotherUserOutsideTheGroupIsToldWhichFileItCannotRead)
+{
+    const std::string encodingHex = spoolAs(WRITER_UID, WRITER_UID, 200000, 53);
+    ASSERT_FALSE(encodingHex.empty());
+    const std::vector<std::string> files = writerFiles();
+    ASSERT_EQ(1U, files.size());
+    const ReadOutcome outcome = readAs(OTHER_UID, OTHER_UID, encodingHex, 200000, 53);
+    EXPECT_FALSE(outcome.intact);
+    EXPECT_NE(std::string::npos,
+              outcome.errors.find("cannot read large data file " + writerDir() + "/" + files[0] + ": "))
+        << outcome.errors;
+    EXPECT_NE(std::string::npos, outcome.errors.find("Permission denied")) << outcome.errors;
+    // The data was not taken by anyone: the file waits for its writer's sweep.
+    EXPECT_EQ(files, writerFiles());
+}
+
+TEST_F(CrossUserSpoolTest, AFileNobodyCouldReadGoesWithTheWritersNextSweep)
+{
+    const std::string encodingHex = spoolAs(WRITER_UID, WRITER_UID, 200000, 54);
+    ASSERT_FALSE(encodingHex.empty());
+    const std::vector<std::string> unread = writerFiles();
+    ASSERT_EQ(1U, unread.size());
+    EXPECT_FALSE(readAs(OTHER_UID, OTHER_UID, encodingHex, 200000, 54).intact);
+    const time_t old = std::time(nullptr) - spool::STALE_AFTER_SECONDS - 1;
+    const timespec longAgo[2] = {{old, 0}, {old, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, (writerDir() + "/" + unread[0]).c_str(), longAgo, 0));
+    // The writer's next process to spool sweeps it away.
+    const std::string next = spoolAs(WRITER_UID, WRITER_UID, 70000, 55);
+    ASSERT_FALSE(next.empty());
+    const std::vector<std::string> left = writerFiles();
+    ASSERT_EQ(1U, left.size());
+    EXPECT_NE(unread[0], left[0]);
+}
+
+TEST_F(CrossUserSpoolTest, AnEncodingNamingAnotherWriterIsLookedUpOnlyInThatWritersDirectory)
+{
+    const std::string encodingHex = spoolAs(WRITER_UID, WRITER_UID, 80000, 56);
+    ASSERT_FALSE(encodingHex.empty());
+    Bytes encoding = unhex(encodingHex);
+    // The owner is the encoding's last field: name another user instead.
+    const std::uint32_t other = OTHER_UID;
+    std::memcpy(&encoding[encoding.size() - 4], &other, 4);
+    cctest::StderrRecorder recorder;
+    EXPECT_EQ(nullptr, decode(encoding));
+    EXPECT_NE(std::string::npos, recorder.text().find(spool::directoryOf(OTHER_UID))) << recorder.text();
+    EXPECT_EQ(1U, writerFiles().size());
 }
 
 }  // namespace

@@ -12,7 +12,9 @@
 #include "CommsChannelRegisterLocatorMessage.h"
 #include "CommsChannelUnregisterLocatorMessage.h"
 
+#include "DataSpool.h"
 #include "PlatformTestSupport.h"
+#include "StderrRecorder.h"
 
 #include <sys/stat.h>
 
@@ -418,6 +420,22 @@ TEST_F(MessageDecodingTest, FileReferenceWithLengthBeyondIntIsRejected)
 TEST_F(MessageDecodingTest, FileReferenceToAFileThatDoesNotExistIsRejected)
 {
     EXPECT_FALSE(decodesEitherWay(fileReferenceEncoding("cc-00000001-00000000deadbeef", 10)));
+}
+
+TEST_F(MessageDecodingTest, FileReferenceThatCannotBeReadIsReportedOnStandardErrorWithThePath)
+{
+    cctest::StderrRecorder recorder;
+    EXPECT_FALSE(decodesEitherWay(fileReferenceEncoding("cc-00000001-00000000deadbeef", 10)));
+    EXPECT_NE(std::string::npos, recorder.text().find("cannot read large data file " + spool::directory() +
+                                                      "/cc-00000001-00000000deadbeef: "))
+        << recorder.text();
+}
+
+TEST_F(MessageDecodingTest, FileReferenceOutsideTheNamePatternIsRejectedWithoutAWord)
+{
+    cctest::StderrRecorder recorder;
+    EXPECT_FALSE(decodesEitherWay(fileReferenceEncoding("../../etc/passwd", 10)));
+    EXPECT_EQ("", recorder.text());
 }
 
 TEST_F(MessageDecodingTest, RequestIdThatThisHostsLongCannotHoldIsRejected)

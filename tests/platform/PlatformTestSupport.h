@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include <unistd.h>
+
 namespace pftest {
 
 // Aborts the test program loudly when a test has not finished within its
@@ -132,7 +134,8 @@ inline void patchLength(Bytes& encoding, std::uint32_t length)
 
 // A data container encoding (type 1) whose data travels in the named spool
 // file of the given length.
-inline Bytes fileReferenceEncoding(const std::string& fileName, std::uint64_t fileLength)
+inline Bytes fileReferenceEncoding(const std::string& fileName, std::uint64_t fileLength,
+                                   std::uint32_t fileOwner = static_cast<std::uint32_t>(geteuid()))
 {
     return EncodingBuilder()
         .header(1)
@@ -148,6 +151,7 @@ inline Bytes fileReferenceEncoding(const std::string& fileName, std::uint64_t fi
         .u8(1)
         .str(fileName)
         .u64(fileLength)
+        .u32(fileOwner)
         .bytes();
 }
 
