@@ -2,11 +2,18 @@
 // CommsChannel library both as a lock (initial 1, maximum 1) and as a wake-up
 // counter. Every operation is safe to call from any number of threads at once.
 // The creator owns the object; it must not be destroyed while a thread still
-// waits in take().
+// waits in take(). It may be destroyed by a thread whose take() returned, even
+// while the give() that released that count has not returned yet.
+//
+// Uncontended take() and give() are one compare-and-swap on a single state
+// word; the mutex and condition variable are touched only while some thread
+// sleeps in take().
 #ifndef COMMSCHANNEL_SEMAPHORE_H
 #define COMMSCHANNEL_SEMAPHORE_H
 
 #include <pthread.h>
+
+#include <atomic>
 
 class Semaphore {
 public:
@@ -38,9 +45,16 @@ public:
     int count() const;
 
 private:
-    mutable pthread_mutex_t m_mutex;
+    bool tryTake();
+    int sleepingTake(int timeout);
+    int wakingGive();
+
+    // Bit 0: a thread sleeps, or is about to, in take(); set and cleared only
+    // under m_mutex. Bits 1 and up: the count.
+    std::atomic<unsigned int> m_state;
+    int m_sleepers;  // guarded by m_mutex
+    pthread_mutex_t m_mutex;
     pthread_cond_t m_available;
-    int m_count;   // guarded by m_mutex
     const int m_maxCount;
 };
 
