@@ -188,18 +188,38 @@ void CommsChannel::takeOut(std::list<CommsChannelDataContainerMessage*>::iterato
     CommsChannelDataContainerMessage* message = *position;
     m_pqueueIndex->erasing(*m_preceiveQueue, position);
     // The queued message is not needed any more, so its contents move into
-    // the caller's message instead of being copied. The emptied message and
-    // its list node are kept for the next copy, up to a few.
+    // the caller's message instead of being copied.
     out = std::move(*message);
+    recycle(position);
+}
+
+void CommsChannel::takeDataOut(std::list<CommsChannelDataContainerMessage*>::iterator position, std::string& data)
+{
+    m_pqueueIndex->erasing(*m_preceiveQueue, position);
+    // Its names stay: the next copy into this message overwrites them in
+    // place, without allocating.
+    (*position)->takeData(data);
+    recycle(position);
+}
+
+void CommsChannel::recycle(std::list<CommsChannelDataContainerMessage*>::iterator position)
+{
     if (m_psparedMessages->size() < MAX_SPARED_MESSAGES) {
         m_psparedMessages->splice(m_psparedMessages->begin(), *m_preceiveQueue, position);
     } else {
+        delete *position;
         m_preceiveQueue->erase(position);
-        delete message;
     }
 }
 
 int CommsChannel::getMsgFromQ(CommsChannelDataContainerMessage& out, int timeout)
+{
+    return takeFront(timeout, &out, nullptr);
+}
+
+int CommsChannel::getDataFromQ(std::string& data, int timeout) { return takeFront(timeout, nullptr, &data); }
+
+int CommsChannel::takeFront(int timeout, CommsChannelDataContainerMessage* out, std::string* data)
 {
     if (timeout == -1) {
         m_pqueueSemaphore->take(-1);
@@ -216,7 +236,11 @@ int CommsChannel::getMsgFromQ(CommsChannelDataContainerMessage& out, int timeout
         m_pqueueMutex->give();
         return 0;
     }
-    takeOut(m_preceiveQueue->begin(), out);
+    if (out != nullptr) {
+        takeOut(m_preceiveQueue->begin(), *out);
+    } else {
+        takeDataOut(m_preceiveQueue->begin(), *data);
+    }
     m_pqueueMutex->give();
     return 1;
 }

@@ -45,13 +45,9 @@ int CommsChannel::receiveMsg(std::string& data)
     if (m_socketHandle == 0) {
         return 0;
     }
-    CommsChannelDataContainerMessage local;
-    if (getMsgFromQ(local, -1) != 1) {
-        return 0;
-    }
-    // The same as assigning getData(), without copying the bytes.
-    local.takeData(data);
-    return 1;
+    // The same as taking the message and assigning its getData(), without
+    // copying the bytes or building a message.
+    return getDataFromQ(data, -1);
 }
 
 int CommsChannel::receiveMsg_ByID_Timed(CommsChannelDataContainerMessage& message, long requestId,

@@ -8,11 +8,67 @@
 #include "DispatcherShare.h"
 
 #include <memory>
+#include <optional>
 
 namespace {
 
 struct ShareRelease {
     void operator()(DispatcherShare* share) const { share->release(); }
+};
+
+// The message that a data overload of sendMsg builds. Each thread keeps one
+// and reuses it for its next send, so that once its buffers have grown to
+// the names and data a thread sends, a send allocates nothing for them. A
+// send made while another send of the same thread is under way (from an
+// interceptor) and a send of data that may travel in a spool file get a
+// message of their own, as does every send when the thread's is in use.
+class OutgoingMessage {
+public:
+    explicit OutgoingMessage(int dataLength)
+    {
+        Reusable& reusable = threadReusable();
+        if (dataLength <= CCInterProcDispatcher::FILE_THRESHOLD && !reusable.busy) {
+            reusable.busy = true;
+            // Back to a fresh message's fields; the buffers stay.
+            reusable.message = blank();
+            m_reused = &reusable;
+            m_message = &reusable.message;
+        } else {
+            m_own.emplace();
+            m_message = &*m_own;
+        }
+    }
+    ~OutgoingMessage()
+    {
+        if (m_reused != nullptr) {
+            m_reused->busy = false;
+        }
+    }
+    OutgoingMessage(const OutgoingMessage&) = delete;
+    OutgoingMessage& operator=(const OutgoingMessage&) = delete;
+
+    CommsChannelDataContainerMessage& operator*() { return *m_message; }
+    CommsChannelDataContainerMessage* operator->() { return m_message; }
+
+private:
+    struct Reusable {
+        CommsChannelDataContainerMessage message;
+        bool busy = false;
+    };
+    static Reusable& threadReusable()
+    {
+        static thread_local Reusable reusable;
+        return reusable;
+    }
+    static const CommsChannelDataContainerMessage& blank()
+    {
+        static const CommsChannelDataContainerMessage empty;
+        return empty;
+    }
+
+    Reusable* m_reused = nullptr;
+    std::optional<CommsChannelDataContainerMessage> m_own;
+    CommsChannelDataContainerMessage* m_message = nullptr;
 };
 
 }  // namespace
@@ -32,11 +88,11 @@ int CommsChannel::sendMsg(const std::string& destination, char* data, int length
     if (m_channelName.compare("") == 0 || data == nullptr || length < 1) {
         return 0;
     }
-    CommsChannelDataContainerMessage message;
-    message.setChannel(destination);
-    message.setData(data, length);
-    message.setSourceChannel(m_channelName);
-    return send(message);
+    OutgoingMessage message(length);
+    message->setChannel(destination);
+    message->setData(data, length);
+    message->setSourceChannel(m_channelName);
+    return send(*message);
 }
 
 int CommsChannel::sendMsg(const std::string& destination, const std::string& data)
@@ -44,11 +100,11 @@ int CommsChannel::sendMsg(const std::string& destination, const std::string& dat
     if (m_channelName.compare("") == 0 || data.c_str() == nullptr || data.length() == 0) {
         return 0;
     }
-    CommsChannelDataContainerMessage message;
-    message.setChannel(destination);
-    message.setData(data.c_str(), static_cast<int>(data.length()));
-    message.setSourceChannel(m_channelName);
-    return send(message);
+    OutgoingMessage message(static_cast<int>(data.length()));
+    message->setChannel(destination);
+    message->setData(data.c_str(), static_cast<int>(data.length()));
+    message->setSourceChannel(m_channelName);
+    return send(*message);
 }
 
 int CommsChannel::send(CommsChannelDataContainerMessage& message)

@@ -137,10 +137,23 @@ private:
     // REQUIRES: m_pqueueMutex is held.
     void takeOut(std::list<CommsChannelDataContainerMessage*>::iterator position,
                  CommsChannelDataContainerMessage& out);
+    // Unlinks the element at position and moves only its data into data;
+    // data's old buffer stays with the emptied message for the next copy.
+    // REQUIRES: m_pqueueMutex is held.
+    void takeDataOut(std::list<CommsChannelDataContainerMessage*>::iterator position, std::string& data);
+    // Keeps the emptied message at position (unlinked from the index) with
+    // its list node for the next copy, or deletes it when enough are kept.
+    // REQUIRES: m_pqueueMutex is held.
+    void recycle(std::list<CommsChannelDataContainerMessage*>::iterator position);
+    // The front message taken as getMsgFromQ takes it, into *out, or only
+    // its data into *data (exactly one of the two is given).
+    int takeFront(int timeout, CommsChannelDataContainerMessage* out, std::string* data);
 
     // Takes the front message. 1: moved into out; 0: shut down, or nothing
     // there after a wake-up. Throws: CommsException when timeout expires.
     int getMsgFromQ(CommsChannelDataContainerMessage& out, int timeout);
+    // getMsgFromQ for the data alone (receiveMsg(std::string&)).
+    int getDataFromQ(std::string& data, int timeout);
     // Takes the first message carrying requestId, waiting on idSemaphore
     // (already registered under requestId by the caller). Returns 1.
     // Throws: CommsException when a wait expires.

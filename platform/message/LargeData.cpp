@@ -32,7 +32,13 @@ void adviseHugePages(char* begin, std::size_t length)
 
 void prepare(std::string& out, std::size_t length)
 {
-    if (length < LARGE_DATA_BYTES || out.capacity() >= length) {
+    if (out.capacity() >= length) {
+        // The buffer is reused as it is (reserve may shrink on older
+        // standard libraries).
+        out.clear();
+        return;
+    }
+    if (length < LARGE_DATA_BYTES) {
         out.clear();
         out.reserve(length);
         return;
