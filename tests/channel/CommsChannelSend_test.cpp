@@ -1,6 +1,7 @@
 // The send operations: refusals, the message they build, and delivery to a
 // channel of this process, to another process's port and to an unknown name.
 // A scripted resolver answers the locator, so resolution never waits long.
+#include "CCInterceptorDispatcher.h"
 #include "CommsChannel.h"
 #include "ChannelTestHelpers.h"
 #include "CommsChannelDataContainerMessage.h"
@@ -344,6 +345,75 @@ TEST_F(CommsChannelSendTest, SendersOwnInterceptorIsNotConsulted)
     EXPECT_EQ(1, sendWithDeadline([&] { return interceptedSender.sendMsg("receiver", std::string("drop?")); }));
     EXPECT_TRUE(sendersInterceptor.seenData().empty());
     EXPECT_EQ("drop?", receiveNow(receiver));
+}
+
+TEST_F(CommsChannelSendTest, ConsecutiveSendsOfOneThreadEachCarryOnlyTheirOwnFields)
+{
+    // The sends of one thread build their messages in the same buffers:
+    // nothing of one send may show in the next.
+    CommsChannel receiver("receiver");
+    CommsChannel other("other with a longer name");
+    const std::string longData(5000, 'x');
+    ASSERT_EQ(1, sut.sendMsg("receiver", longData));
+    ASSERT_EQ(1, sut.sendMsg("other with a longer name", std::string("ab")));
+    char buffer[] = "xyz";
+    ASSERT_EQ(1, sut.sendMsg("receiver", buffer, 3));
+
+    CommsChannelDataContainerMessage defaults;
+    for (const char* expected : {"long", "xyz"}) {
+        CommsChannelDataContainerMessage received;
+        ASSERT_EQ(1, receiver.receiveMsg_ByID_Timed(received, 0, 0));
+        EXPECT_EQ(std::string(expected) == "long" ? longData : std::string(expected), received.getData());
+        EXPECT_EQ("receiver", received.channel());
+        EXPECT_EQ("sender", received.sourceChannel());
+        EXPECT_EQ(defaults.callbackChannel(), received.callbackChannel());
+        EXPECT_EQ(defaults.requestId(), received.requestId());
+    }
+    CommsChannelDataContainerMessage received;
+    ASSERT_EQ(1, other.receiveMsg_ByID_Timed(received, 0, 0));
+    EXPECT_EQ("ab", received.getData());
+    EXPECT_EQ("other with a longer name", received.channel());
+}
+
+// On its first message, sends one message of its own from forwarder to
+// "second", on the thread that is queuing into its channel.
+class ForwardingInterceptor : public CCInterceptorDispatcher {
+public:
+    int intercept(CCInterceptorContext* /*context*/) override
+    {
+        if (forwarder != nullptr && result == -1) {
+            result = forwarder->sendMsg("second", std::string("inner, longer than the outer data"));
+        }
+        return 1;
+    }
+
+    CommsChannel* forwarder = nullptr;
+    int result = -1;
+};
+
+TEST_F(CommsChannelSendTest, SendMadeByAnInterceptorInsideASendLeavesBothMessagesIntact)
+{
+    ForwardingInterceptor interceptor;
+    CommsChannel first("first", &interceptor);
+    CommsChannel second("second");
+    CommsChannel forwarder("forwarder");
+    interceptor.forwarder = &forwarder;
+    ASSERT_EQ(1, sut.sendMsg("first", std::string("outer")));
+    EXPECT_EQ(1, interceptor.result);
+    ASSERT_EQ(1, sut.sendMsg("first", std::string("outer again")));
+
+    CommsChannelDataContainerMessage outer;
+    ASSERT_EQ(1, first.receiveMsg_ByID_Timed(outer, 0, 0));
+    EXPECT_EQ("outer", outer.getData());
+    EXPECT_EQ("first", outer.channel());
+    EXPECT_EQ("sender", outer.sourceChannel());
+    ASSERT_EQ(1, first.receiveMsg_ByID_Timed(outer, 0, 0));
+    EXPECT_EQ("outer again", outer.getData());
+    CommsChannelDataContainerMessage inner;
+    ASSERT_EQ(1, second.receiveMsg_ByID_Timed(inner, 0, 0));
+    EXPECT_EQ("inner, longer than the outer data", inner.getData());
+    EXPECT_EQ("second", inner.channel());
+    EXPECT_EQ("forwarder", inner.sourceChannel());
 }
 
 TEST_F(CommsChannelSendTest, CallersBufferIsNeitherChangedNorKept)

@@ -6,6 +6,7 @@
 #include "TestUtil.h"
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -267,6 +268,52 @@ TEST_F(SemaphoreTest, UsedAsLockItExcludesOtherThreads)
     }
     EXPECT_EQ(6 * 5000, counter);
     EXPECT_EQ(1, maxInside.load());
+}
+
+TEST_F(SemaphoreTest, TakerMayDestroyTheSemaphoreAsSoonAsItsTakeReturns)
+{
+    // A one-shot hand-off whose taker deletes the semaphore at once, while
+    // the give that released it may still be on its way out. Half of the
+    // rounds give late, so that the taker has gone to sleep first. Under the
+    // sanitizers a give that touched the semaphore after its release shows
+    // as a use after free.
+    for (int round = 0; round < 2000; ++round) {
+        Semaphore* handOff = new Semaphore(0, 1, false);
+        const bool late = round % 2 == 1;
+        std::thread giver([handOff, late]() {
+            if (late) {
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+            handOff->give();
+        });
+        ASSERT_EQ(1, handOff->take(-1));
+        delete handOff;
+        giver.join();
+    }
+}
+
+TEST_F(SemaphoreTest, LockHandedBetweenSleepingThreadsNeverLosesAWakeUp)
+{
+    // Each thread holds the lock long enough for the others to stop spinning
+    // and sleep, so every give meets sleepers; a lost wake-up hangs here.
+    Semaphore sut(1, 1, false);
+    std::atomic<int> rounds{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&]() {
+            for (int i = 0; i < 200; ++i) {
+                ASSERT_EQ(1, sut.take(-1));
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+                ++rounds;
+                sut.give();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(800, rounds.load());
+    EXPECT_EQ(1, sut.count());
 }
 
 TEST_F(SemaphoreTest, TimedTakesRacingWithGivesNeverLoseOrInventCounts)
