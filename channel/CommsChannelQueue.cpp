@@ -43,16 +43,25 @@ int CommsChannel::addToMsgQ(CommsChannelDataContainerMessage& message)
     return enqueue(nullptr, &message, message.interface());
 }
 
-int CommsChannel::queueMessage(CommsChannelDataContainerMessage* message)
+int CommsChannel::queueMessage(CommsChannelDataContainerMessage* message) { return queueMessage(message, nullptr); }
+
+int CommsChannel::queueMessage(CommsChannelDataContainerMessage* message, int* deferredTokens)
 {
     // The warning names the interface the message arrived with, even if the
     // interceptor changes the queued message.
     const std::string interfaceName = message->interface();
-    return enqueue(message, nullptr, interfaceName);
+    return enqueue(message, nullptr, interfaceName, deferredTokens);
+}
+
+void CommsChannel::giveQueueTokens(int count)
+{
+    for (int i = 0; i < count; ++i) {
+        m_pqueueSemaphore->give();
+    }
 }
 
 int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsChannelDataContainerMessage* original,
-                          const std::string& interfaceName)
+                          const std::string& interfaceName, int* deferredTokens)
 {
     // Types outside the table get the lowest priority instead of reading
     // past its end.
@@ -128,7 +137,9 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsCh
                    static_cast<int>(getppid()));
         }
     }
-    if (target != nullptr) {
+    if (target == m_pqueueSemaphore && deferredTokens != nullptr) {
+        ++*deferredTokens;
+    } else if (target != nullptr) {
         target->give();
     }
     m_pqueueMutex->give();

@@ -88,6 +88,12 @@ public:
     // the receiver thread, whose freshly decoded message has no other use, so
     // that a large message is never held twice.
     int queueMessage(CommsChannelDataContainerMessage* message);
+    // queueMessage for a burst: a token due to the queue semaphore is counted
+    // in *deferredTokens instead of given (a request-id waiter's token is
+    // still given at once). The caller gives them with giveQueueTokens before
+    // the channel can go, so that a burst wakes a sleeping receiver once.
+    int queueMessage(CommsChannelDataContainerMessage* message, int* deferredTokens);
+    void giveQueueTokens(int count);
 
     // Appends a dump of the channel and every queued message to
     // "/logs/CommsChannel.log-<pid>". Reads the queue without its lock: for
@@ -114,7 +120,7 @@ private:
     // ownership) or, when it is null, a copy of original. interfaceName
     // names the interface in the queue warning.
     int enqueue(CommsChannelDataContainerMessage* owned, const CommsChannelDataContainerMessage* original,
-                const std::string& interfaceName);
+                const std::string& interfaceName, int* deferredTokens = nullptr);
     // getMsgFromQ_ByID with a check: check is called before each wait and
     // at least every 100 ms while waiting; it ends the receive by throwing.
     int waitForRequestId(CommsChannelDataContainerMessage& out, long requestId, Semaphore* idSemaphore,

@@ -77,6 +77,23 @@ public:
     ListLockHolder& operator=(const ListLockHolder&) = delete;
 };
 
+// The queue tokens of the messages queued in one channel during a pass,
+// given when the pass is done with that channel, however it ends. The
+// channel cannot go meanwhile: its removal waits for the list lock.
+class DeferredTokens {
+public:
+    explicit DeferredTokens(CommsChannel* channel) : m_channel(channel), m_count(0) {}
+    ~DeferredTokens() { m_channel->giveQueueTokens(m_count); }
+    DeferredTokens(const DeferredTokens&) = delete;
+    DeferredTokens& operator=(const DeferredTokens&) = delete;
+
+    int* counter() { return &m_count; }
+
+private:
+    CommsChannel* const m_channel;
+    int m_count;
+};
+
 // Withdraws the status socket when the thread ends, by pthread_exit or by an
 // escaping exception alike: statusSocket and statusPort go to 0, so that
 // status updates are no longer sent. The descriptor itself is closed by the
@@ -281,6 +298,10 @@ int monitorChannels()
                 continue;
             }
         }
+        // The queue tokens of a burst are given together once it is queued
+        // (or the pass fails), so that a sleeping application thread is
+        // woken once per burst instead of once per message.
+        DeferredTokens tokens(channel);
         CommsChannelDataContainerMessage* message = new CommsChannelDataContainerMessage();
         joinAbandoned = false;
         if (!receiveChannelMessage(fd, *message)) {
@@ -291,7 +312,7 @@ int monitorChannels()
             throw std::string(RECEIVE_FAILURE);
         }
         // The channel takes the decoded message itself: no copy is made.
-        channel->queueMessage(message);
+        channel->queueMessage(message, tokens.counter());
         // A burst is drained while we are here, up to a bound, so that the
         // socket's buffer empties at the pace of reading rather than of
         // waking; a datagram that cannot be read ends the thread as above.
@@ -300,7 +321,7 @@ int monitorChannels()
             joinAbandoned = false;
             const ReadOutcome outcome = readEncoding(fd, *message);
             if (outcome == READ_OK) {
-                channel->queueMessage(message);
+                channel->queueMessage(message, tokens.counter());
                 continue;
             }
             delete message;

@@ -289,6 +289,26 @@ TEST_F(CommsChannelReceiverTest, StatusUpdatesAreDrainedByTheThread)
 
 namespace {
 
+TEST_F(CommsChannelReceiverTest, BurstOfDatagramsLeavesExactlyOneQueueTokenPerMessage)
+{
+    // The receiver thread queues a burst before it gives the burst's
+    // tokens; every message must still end up with its token.
+    CommsChannel sut("");
+    const int burst = 40;
+    for (int i = 0; i < burst; ++i) {
+        peer.sendTo(sut.port(), cctest::dataEncoding("", "burst " + std::to_string(i)));
+    }
+    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::queueSemaphoreCount(sut) == burst; }, 20000))
+        << CommsChannelInspector::queueSemaphoreCount(sut) << " tokens";
+    EXPECT_EQ(static_cast<std::size_t>(burst), CommsChannelInspector::queueLengthLocked(sut));
+    for (int i = 0; i < burst; ++i) {
+        std::string received;
+        ASSERT_EQ(1, sut.receiveMsg(received));
+        EXPECT_EQ("burst " + std::to_string(i), received);
+    }
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+}
+
 TEST_F(CommsChannelReceiverTest, ChannelWhoseDescriptorIsAbove1024ReceivesLikeAnyOther)
 {
     if (!cctest::allowDescriptors(1200)) {
