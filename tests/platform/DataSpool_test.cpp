@@ -43,58 +43,6 @@ using pftest::fileReferenceEncoding;
 // A user id that owns nothing on this machine.
 const uid_t FOREIGN_UID = 4242;
 
-std::string linkTarget(const char* path)
-{
-    char target[256];
-    const ssize_t n = readlink(path, target, sizeof target - 1);
-    return n > 0 ? std::string(target, static_cast<std::size_t>(n)) : std::string();
-}
-
-// Mounts a fresh tmpfs on /tmp in a mount namespace private to this test
-// process. isolate.sh already gives every test such a namespace; when the
-// program runs outside it, one is made here. Returns "" or why it failed.
-std::string mountPrivateTmp()
-{
-    const std::string own = linkTarget("/proc/self/ns/mnt");
-    const std::string init = linkTarget("/proc/1/ns/mnt");
-    if (own.empty() || own == init) {
-        if (unshare(CLONE_NEWNS) != 0) {
-            return std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
-        }
-        if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            return std::string("making / private: ") + std::strerror(errno);
-        }
-    }
-    // The build tree (this program, its libraries, the programs it starts)
-    // may itself live under /tmp: keep a handle on the host's /tmp in the
-    // private /logs and bind the build tree back after the tmpfs hides it.
-    const std::string buildDir = CC_TEST_BINARY_DIR;
-    const std::string hostTmp = "/logs/.host-tmp";
-    const bool rebind = buildDir.compare(0, 5, "/tmp/") == 0;
-    if (rebind && (mkdir(hostTmp.c_str(), 0700) != 0 && errno != EEXIST)) {
-        return "mkdir " + hostTmp + ": " + std::strerror(errno);
-    }
-    if (rebind && mount("/tmp", hostTmp.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-        return "bind /tmp to " + hostTmp + ": " + std::strerror(errno);
-    }
-    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
-        return std::string("mount tmpfs on /tmp: ") + std::strerror(errno);
-    }
-    if (rebind) {
-        for (std::size_t slash = buildDir.find('/', 1);; slash = buildDir.find('/', slash + 1)) {
-            mkdir(buildDir.substr(0, slash).c_str(), 0755);
-            if (slash == std::string::npos) {
-                break;
-            }
-        }
-        const std::string source = hostTmp + buildDir.substr(4);
-        if (mount(source.c_str(), buildDir.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-            return "bind the build tree back: " + std::string(std::strerror(errno));
-        }
-    }
-    return "";
-}
-
 std::string hex(const Bytes& bytes)
 {
     static const char digits[] = "0123456789abcdef";
@@ -138,7 +86,7 @@ class DataSpoolTest : public testing::Test {
 protected:
     void SetUp() override
     {
-        const std::string failure = mountPrivateTmp();
+        const std::string failure = cctest::mountPrivateTmp(CC_TEST_BINARY_DIR);
         if (!failure.empty()) {
             GTEST_SKIP() << "needs a private /tmp: " << failure;
         }
@@ -147,7 +95,7 @@ protected:
     void TearDown() override
     {
         if (mounted) {
-            umount2("/tmp", MNT_DETACH);
+            cctest::unmountPrivateTmp();
         }
     }
 

@@ -5,6 +5,9 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -17,6 +20,17 @@
 #include <sstream>
 
 namespace cctest {
+
+namespace {
+
+std::string linkTarget(const char* path)
+{
+    char target[256];
+    const ssize_t n = readlink(path, target, sizeof target - 1);
+    return n > 0 ? std::string(target, static_cast<std::size_t>(n)) : std::string();
+}
+
+}  // namespace
 
 long long nowMs()
 {
@@ -156,6 +170,49 @@ int nextFreeDescriptor()
     }
     return fd;
 }
+
+std::string mountPrivateTmp(const std::string& buildDir)
+{
+    const std::string own = linkTarget("/proc/self/ns/mnt");
+    const std::string init = linkTarget("/proc/1/ns/mnt");
+    if (own.empty() || own == init) {
+        if (unshare(CLONE_NEWNS) != 0) {
+            return std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
+        }
+        if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+            return std::string("making / private: ") + std::strerror(errno);
+        }
+    }
+    // The build tree (this program, its libraries, the programs it starts)
+    // may itself live under /tmp: keep a handle on the host's /tmp in the
+    // private /logs and bind the build tree back after the tmpfs hides it.
+    const std::string hostTmp = "/logs/.host-tmp";
+    const bool rebind = buildDir.compare(0, 5, "/tmp/") == 0;
+    if (rebind && (mkdir(hostTmp.c_str(), 0700) != 0 && errno != EEXIST)) {
+        return "mkdir " + hostTmp + ": " + std::strerror(errno);
+    }
+    if (rebind && mount("/tmp", hostTmp.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        return "bind /tmp to " + hostTmp + ": " + std::strerror(errno);
+    }
+    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
+        return std::string("mount tmpfs on /tmp: ") + std::strerror(errno);
+    }
+    if (rebind) {
+        for (std::size_t slash = buildDir.find('/', 1);; slash = buildDir.find('/', slash + 1)) {
+            mkdir(buildDir.substr(0, slash).c_str(), 0755);
+            if (slash == std::string::npos) {
+                break;
+            }
+        }
+        const std::string source = hostTmp + buildDir.substr(4);
+        if (mount(source.c_str(), buildDir.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+            return "bind the build tree back: " + std::string(std::strerror(errno));
+        }
+    }
+    return "";
+}
+
+void unmountPrivateTmp() { umount2("/tmp", MNT_DETACH); }
 
 bool allowDescriptors(unsigned long wanted)
 {

@@ -60,6 +60,14 @@ std::string diagnosticsLogPath();
 // A descriptor number that is not open now (the next one the kernel gives).
 int nextFreeDescriptor();
 
+// Mounts a fresh tmpfs on /tmp in this process's mount namespace (made
+// private first if the process shares the host's), so that a test can use
+// /tmp freely; buildDir, when it lies under /tmp, is bound back so that the
+// test's programs stay reachable. Returns "" or why it failed.
+std::string mountPrivateTmp(const std::string& buildDir);
+// Takes the tmpfs of mountPrivateTmp away again.
+void unmountPrivateTmp();
+
 // Raises the soft limit on open descriptors as far as the hard limit allows;
 // false when fewer than wanted can be open.
 bool allowDescriptors(unsigned long wanted);
