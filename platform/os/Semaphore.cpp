@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include <unistd.h>
+
 const int Semaphore::AVAILABLE = 1;
 
 namespace {
@@ -13,7 +15,14 @@ const unsigned int ONE = 2U;
 // How long take() spins before it sleeps. The library's locks guard a few
 // list operations, and a consumer often finds its next message within
 // microseconds: waiting that out on the CPU saves a sleep and a wake-up.
+// On a single processor nobody can give while we spin, so we never do.
 const int SPIN_LIMIT = 200;
+
+int spinLimit()
+{
+    static const int limit = sysconf(_SC_NPROCESSORS_ONLN) > 1 ? SPIN_LIMIT : 0;
+    return limit;
+}
 
 inline void relax()
 {
@@ -84,7 +93,7 @@ int Semaphore::take(int timeout)
     if (timeout != WAIT_FOREVER && timeout <= 0) {
         return 0;
     }
-    for (int spin = 0; spin < SPIN_LIMIT; ++spin) {
+    for (int spin = 0; spin < spinLimit(); ++spin) {
         relax();
         if (m_state.load(std::memory_order_relaxed) >= ONE && tryTake()) {
             return 1;
