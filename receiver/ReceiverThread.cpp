@@ -298,9 +298,10 @@ int monitorChannels()
                 continue;
             }
         }
-        // The queue tokens of a burst are given together once it is queued
-        // (or the pass fails), so that a sleeping application thread is
-        // woken once per burst instead of once per message.
+        // The first message's token is given at once (a lone message is not
+        // kept waiting); those of the burst drained after it are given
+        // together once it is queued (or the pass fails), so that a sleeping
+        // application thread is woken about once per burst, not per message.
         DeferredTokens tokens(channel);
         CommsChannelDataContainerMessage* message = new CommsChannelDataContainerMessage();
         joinAbandoned = false;
@@ -312,7 +313,7 @@ int monitorChannels()
             throw std::string(RECEIVE_FAILURE);
         }
         // The channel takes the decoded message itself: no copy is made.
-        channel->queueMessage(message, tokens.counter());
+        channel->queueMessage(message);
         // A burst is drained while we are here, up to a bound, so that the
         // socket's buffer empties at the pace of reading rather than of
         // waking; a datagram that cannot be read ends the thread as above.
