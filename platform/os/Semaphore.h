@@ -12,6 +12,7 @@
 #define COMMSCHANNEL_SEMAPHORE_H
 
 #include <pthread.h>
+#include <time.h>
 
 #include <atomic>
 
@@ -46,7 +47,7 @@ public:
 
 private:
     bool tryTake();
-    int sleepingTake(int timeout);
+    int sleepingTake(int timeout, const timespec& deadline);
     int wakingGive();
 
     // Bit 0: a thread sleeps, or is about to, in take(); set and cleared only
