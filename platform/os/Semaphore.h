@@ -7,7 +7,8 @@
 //
 // Uncontended take() and give() are one compare-and-swap on a single state
 // word; the mutex and condition variable are touched only while some thread
-// sleeps in take().
+// sleeps in take(). A take() that finds no count spins, then yields the
+// processor for up to 100 us, before it sleeps (at once on one processor).
 #ifndef COMMSCHANNEL_SEMAPHORE_H
 #define COMMSCHANNEL_SEMAPHORE_H
 
