@@ -50,6 +50,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -83,9 +84,16 @@ LiveChannels& live()
     return channels;
 }
 
+void stopChannels();
+
 void startChannels()
 {
     LiveChannels& state = live();
+    // The process ends with its channels destroyed, so that the receiver
+    // thread is joined (and its thread-local buffers freed) before the leak
+    // check at exit, rather than frozen in the middle of a pass.
+    static const bool stopAtExit = std::atexit(stopChannels) == 0;
+    (void)stopAtExit;
     state.target = new CommsChannel("");
     state.peer = new CommsChannel("");
     FUZZ_CHECK(state.target->port() > 0 && state.peer->port() > 0, "channels got no port");
