@@ -112,6 +112,9 @@ void* runReceiverThread(void* record);
 int monitorChannels();
 bool receiveStatusUpdate(statusUpdateMsgId& id);
 bool getSocketData(int socket, char* buffer, unsigned int length, bool peek);
+// getSocketData for a join that already holds received of its length bytes:
+// every further datagram is waited for as the next piece.
+bool readPieces(int socket, char* buffer, unsigned int received, unsigned int length, bool peek);
 bool receiveChannelMessage(int socket, CommsChannelMessage& message);
 
 // The exception text thrown by the thread on a message it cannot read.

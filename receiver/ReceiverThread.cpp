@@ -24,6 +24,7 @@
 #include <cstdio>
 #include <cstring>
 #include <algorithm>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -214,6 +215,114 @@ ReadOutcome readEncoding(int socket, CommsChannelMessage& message)
     return read ? READ_OK : READ_FAILED;
 }
 
+// Datagrams taken per system call when a burst is drained, and the room for
+// each (a UDP datagram never exceeds 64 KiB). The buffers are allocated
+// once per thread and only their touched pages become resident.
+const unsigned int BURST_SLOTS = 8;
+const std::size_t SLOT_BYTES = 64 * 1024;
+
+struct BurstBuffers {
+    BurstBuffers() : bytes(new char[BURST_SLOTS * SLOT_BYTES])
+    {
+        std::memset(headers, 0, sizeof headers);
+        for (unsigned int i = 0; i < BURST_SLOTS; ++i) {
+            vectors[i].iov_base = bytes.get() + i * SLOT_BYTES;
+            vectors[i].iov_len = SLOT_BYTES;
+            headers[i].msg_hdr.msg_iov = &vectors[i];
+            headers[i].msg_hdr.msg_iovlen = 1;
+        }
+    }
+    char* slot(unsigned int i) { return bytes.get() + i * SLOT_BYTES; }
+
+    std::unique_ptr<char[]> bytes;
+    iovec vectors[BURST_SLOTS];
+    mmsghdr headers[BURST_SLOTS];
+};
+
+// Reads up to limit further encodings from socket in bursts of datagrams,
+// one system call per burst, and queues each in channel, counting the
+// queue tokens in *deferredTokens. Returns how many it queued; throws the
+// failure string where reading them one by one would have. Unlike the
+// first datagram of a pass, which is peeked at, a datagram in a burst that
+// cannot start an encoding has been taken off the socket when the thread
+// gives up on it.
+int drainBursts(int socket, CommsChannel* channel, int limit, int* deferredTokens)
+{
+    static thread_local BurstBuffers buffers;
+    int queued = 0;
+    while (queued < limit) {
+        if (statusSocket == 0) {
+            throw std::string(RECEIVE_FAILURE);
+        }
+        const unsigned int wanted = std::min<unsigned int>(BURST_SLOTS, static_cast<unsigned int>(limit - queued));
+        for (unsigned int i = 0; i < wanted; ++i) {
+            buffers.headers[i].msg_hdr.msg_flags = 0;
+        }
+        const int count = recvmmsg(socket, buffers.headers, wanted, MSG_DONTWAIT, nullptr);
+        if (count < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
+                break;
+            }
+            // The same report as a failed look at the pending datagram.
+            perror("CommsChannelReceiver::receiveChannelMessage: ioctl failed");
+            throw std::string(RECEIVE_FAILURE);
+        }
+        for (int i = 0; i < count; ++i) {
+            const unsigned int length = buffers.headers[i].msg_len;
+            const char* datagram = buffers.slot(static_cast<unsigned int>(i));
+            uint32_t totalLength = 0;
+            if (length >= HEADER_SIZE) {
+                std::memcpy(&totalLength, datagram + 4, sizeof totalLength);
+            }
+            if (length < HEADER_SIZE || totalLength < HEADER_SIZE) {
+                throw std::string(RECEIVE_FAILURE);
+            }
+            CommsChannelDataContainerMessage* message = new CommsChannelDataContainerMessage();
+            if (totalLength <= length) {
+                // The whole encoding is in this datagram; bytes beyond it are
+                // dropped, as a read of exactly its length drops them.
+                message->decode(datagram);
+            } else {
+                // A long encoding: its pieces are the datagrams that follow,
+                // first those of this burst, then further ones from the
+                // socket, each cut to what the encoding still lacks.
+                std::unique_ptr<char[]> joined(new (std::nothrow) char[totalLength]);
+                if (!joined) {
+                    delete message;
+                    perror("CommsChannelReceiver::receiveChannelMessage: alloc failed");
+                    close(socket);
+                    throw std::string(RECEIVE_FAILURE);
+                }
+                std::memcpy(joined.get(), datagram, length);
+                unsigned int received = length;
+                while (received < totalLength && i + 1 < count) {
+                    ++i;
+                    const unsigned int piece =
+                        std::min(buffers.headers[i].msg_len, static_cast<unsigned int>(totalLength - received));
+                    std::memcpy(joined.get() + received, buffers.slot(static_cast<unsigned int>(i)), piece);
+                    received += piece;
+                }
+                joinAbandoned = false;
+                if (received < totalLength && !readPieces(socket, joined.get(), received, totalLength, false)) {
+                    delete message;
+                    if (joinAbandoned) {
+                        return queued;
+                    }
+                    throw std::string(RECEIVE_FAILURE);
+                }
+                message->decode(joined.get());
+            }
+            channel->queueMessage(message, deferredTokens);
+            ++queued;
+        }
+        if (static_cast<unsigned int>(count) < wanted) {
+            // Fewer than asked for: the socket is empty for now.
+            break;
+        }
+    }
+    return queued;
+}
+
 }  // namespace
 
 void* runReceiverThread(void* argument)
@@ -317,20 +426,7 @@ int monitorChannels()
         // A burst is drained while we are here, up to a bound, so that the
         // socket's buffer empties at the pace of reading rather than of
         // waking; a datagram that cannot be read ends the thread as above.
-        for (int more = 0; more < DRAIN_LIMIT; ++more) {
-            message = new CommsChannelDataContainerMessage();
-            joinAbandoned = false;
-            const ReadOutcome outcome = readEncoding(fd, *message);
-            if (outcome == READ_OK) {
-                channel->queueMessage(message, tokens.counter());
-                continue;
-            }
-            delete message;
-            if (outcome == NOTHING_WAITING || joinAbandoned) {
-                break;
-            }
-            throw std::string(RECEIVE_FAILURE);
-        }
+        drainBursts(fd, channel, DRAIN_LIMIT, tokens.counter());
     }
     return ready;
 }
@@ -373,10 +469,14 @@ bool getSocketData(int socket, char* buffer, unsigned int length, bool peek)
     if (length == 0) {
         return true;
     }
+    return readPieces(socket, buffer, 0, length, peek);
+}
+
+bool readPieces(int socket, char* buffer, unsigned int received, unsigned int length, bool peek)
+{
     const int flags = peek ? MSG_PEEK : 0;
     sockaddr_in source;
     socklen_t sourceLength = sizeof source;
-    unsigned int received = 0;
     for (;;) {
         // Every datagram after the first belongs to the same long encoding;
         // wait for it in a way that a removal of the channel can interrupt.

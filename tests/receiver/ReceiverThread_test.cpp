@@ -220,6 +220,83 @@ TEST_F(ReceiverThreadTest, EncodingSplitByTheSenderIntoDatagramsOf60000BytesIsJo
     EXPECT_EQ(message.remoteContext(), received.remoteContext());
 }
 
+// Holds the receiver's list lock, so that the thread cannot start a pass:
+// whatever is sent meanwhile waits in the socket and is read as a burst.
+class PassHeldBack {
+public:
+    PassHeldBack() { receiver_state::channelListLock().take(-1); }
+    ~PassHeldBack() { release(); }
+    void release()
+    {
+        if (m_held) {
+            m_held = false;
+            receiver_state::channelListLock().give();
+        }
+    }
+
+private:
+    bool m_held = true;
+};
+
+TEST_F(ReceiverThreadTest, BurstWaitingInTheSocketArrivesWholeAndInOrder)
+{
+    CommsChannel sut("");
+    const std::string big = dataOf(2000, 'K');
+    const std::string bigEncoding = cctest::dataEncoding("", big);
+    std::vector<std::string> expected;
+    {
+        PassHeldBack held;
+        auto small = [&](const std::string& data) {
+            send(sut, cctest::dataEncoding("", data));
+            expected.push_back(data);
+        };
+        small("first");
+        for (int i = 0; i < 7; ++i) {
+            small("a" + std::to_string(i));
+        }
+        // A long encoding in three pieces, starting at the end of a burst.
+        send(sut, bigEncoding.substr(0, 700));
+        send(sut, bigEncoding.substr(700, 700));
+        send(sut, bigEncoding.substr(1400));
+        expected.push_back(big);
+        for (int i = 0; i < 10; ++i) {
+            small("b" + std::to_string(i));
+        }
+    }
+    const int total = static_cast<int>(expected.size());
+    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::queueSemaphoreCount(sut) == total; }, 20000))
+        << CommsChannelInspector::queueSemaphoreCount(sut) << " of " << total;
+    for (const std::string& data : expected) {
+        EXPECT_EQ(data, take(sut));
+    }
+    EXPECT_TRUE(staysEmpty(sut));
+}
+
+TEST_F(ReceiverThreadTest, UnreadableDatagramInABurstEndsTheThreadAfterTheMessagesBeforeIt)
+{
+    CommsChannel* sut = new CommsChannel("");
+    cctest::StderrRecorder errors;
+    {
+        PassHeldBack held;
+        send(*sut, cctest::dataEncoding("", "good 1"));
+        send(*sut, cctest::dataEncoding("", "good 2"));
+        send(*sut, cctest::dataEncoding("", "good 3"));
+        send(*sut, std::string("abc"));
+        send(*sut, cctest::dataEncoding("", "never"));
+    }
+    ASSERT_TRUE(ReceiverProbe::waitForThreadEnd());
+    EXPECT_TRUE(errors.waitFor(RECEIVE_FAILURE));
+    errors.restore();
+    EXPECT_EQ(3U, CommsChannelInspector::queueLengthLocked(*sut));
+    EXPECT_EQ(3, CommsChannelInspector::queueSemaphoreCount(*sut));
+    for (const char* data : {"good 1", "good 2", "good 3"}) {
+        std::string received;
+        ASSERT_EQ(1, sut->receiveMsg(received));
+        EXPECT_EQ(data, received);
+    }
+    EXPECT_TRUE(cctest::destroyWithin(sut));
+}
+
 TEST_F(ReceiverThreadTest, UnfinishedEncodingHoldsUpOtherChannelsUntilItsChannelIsDestroyed)
 {
     CommsChannel* stalled = new CommsChannel("");
