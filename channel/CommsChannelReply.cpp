@@ -17,7 +17,7 @@ int CommsChannel::receiveReply(CommsChannelDataContainerMessage& reply, long req
     // Only a named channel can have sent the request, and only then does
     // the process have a locator to ask; it lives as long as this channel.
     const bool named = m_channelName.compare("") != 0;
-    const std::function<void()> replierStillThere = [this, named, &replier, requestId]() {
+    const std::function<void()> replierStillThere = [named, &replier, requestId]() {
         if (named && !CommsChannelLocator::instance()->knowsName(replier)) {
             throw CommsPeerGoneException(replier, requestId);
         }
