@@ -15,7 +15,6 @@
 #include "TestUtil.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -672,12 +671,13 @@ TEST_F(DataSpoolTest, ManyThreadsSpoolingAtOnceGetDistinctFiles)
     EXPECT_TRUE(spoolEntries().empty());
 }
 
-// Child: spools the data of the given size and seed and prints the encoding
-// in hex, then exits without removing anything.
-CC_CHILD_MAIN(spoolWriter)
+// Spools data of the given size and seed from a message of its own, prints
+// the encoding in hex and leaves the file for the encoding's reader: the
+// body of the writer children.
+int spoolAndSayEncoding(const std::string& size, const std::string& seed)
 {
-    const std::string data = patternData(static_cast<std::size_t>(std::stoul(args.at(0))),
-                                         static_cast<unsigned>(std::stoul(args.at(1))));
+    const std::string data =
+        patternData(static_cast<std::size_t>(std::stoul(size)), static_cast<unsigned>(std::stoul(seed)));
     CommsChannelDataContainerMessage message;
     message.setChannel("receiver");
     message.setData(data.data(), static_cast<int>(data.size()));
@@ -693,6 +693,10 @@ CC_CHILD_MAIN(spoolWriter)
     cctest::childSay("ENCODING " + hex(Bytes(encoding, encoding + length)));
     return cctest::CHILD_OK;
 }
+
+// Child: spools the data of size args[0] and seed args[1] and prints the
+// encoding in hex, then exits without removing anything.
+CC_CHILD_MAIN(spoolWriter) { return spoolAndSayEncoding(args.at(0), args.at(1)); }
 
 TEST_F(DataSpoolTest, FileWrittenByAnotherProcessIsDecodedAndRemoved)
 {
@@ -738,37 +742,17 @@ const uid_t WRITER_UID = 4243;
 const uid_t OTHER_UID = 4244;
 const gid_t SHARED_GID = 5000;
 
-// Makes this process the given user with the given group and nothing else.
-bool becomeUser(const std::string& uid, const std::string& gid)
-{
-    const gid_t group = static_cast<gid_t>(std::stoul(gid));
-    const uid_t user = static_cast<uid_t>(std::stoul(uid));
-    return setgroups(0, nullptr) == 0 && setgid(group) == 0 && setuid(user) == 0 && geteuid() == user;
-}
-
 // Child: as user args[0] with group args[1] and a umask that would shut the
 // group out, spools data of size args[2] and seed args[3] and prints the
 // encoding in hex.
 CC_CHILD_MAIN(spoolWriterAs)
 {
-    if (!becomeUser(args.at(0), args.at(1))) {
+    if (!cctest::becomeUser(args.at(0), args.at(1))) {
         cctest::childSay("NO USER");
         return cctest::CHILD_FAILED;
     }
     umask(077);
-    const std::string data = patternData(static_cast<std::size_t>(std::stoul(args.at(2))),
-                                         static_cast<unsigned>(std::stoul(args.at(3))));
-    CommsChannelDataContainerMessage message;
-    message.setChannel("receiver");
-    message.setData(data.data(), static_cast<int>(data.size()));
-    message.putDataToFile();
-    int length = 0;
-    const char* encoding = message.encode(&length);
-    if (encoding == nullptr) {
-        return cctest::CHILD_FAILED;
-    }
-    cctest::childSay("ENCODING " + hex(Bytes(encoding, encoding + length)));
-    return cctest::CHILD_OK;
+    return spoolAndSayEncoding(args.at(2), args.at(3));
 }
 
 // Child: as user args[0] with group args[1], decodes the encoding args[2]
@@ -776,7 +760,7 @@ CC_CHILD_MAIN(spoolWriterAs)
 // what it wrote on standard error meanwhile.
 CC_CHILD_MAIN(spoolReaderAs)
 {
-    if (!becomeUser(args.at(0), args.at(1))) {
+    if (!cctest::becomeUser(args.at(0), args.at(1))) {
         cctest::childSay("NO USER");
         return cctest::CHILD_FAILED;
     }
@@ -797,12 +781,7 @@ CC_CHILD_MAIN(spoolReaderAs)
         errors = recorder.text();
     }
     cctest::childSay(intact ? "INTACT" : "NOT INTACT");
-    for (char& c : errors) {
-        if (c == '\n') {
-            c = '|';
-        }
-    }
-    cctest::childSay("STDERR " + errors);
+    cctest::childSay("STDERR " + cctest::oneLine(errors));
     return cctest::CHILD_OK;
 }
 

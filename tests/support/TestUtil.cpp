@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
@@ -213,6 +214,19 @@ std::string mountPrivateTmp(const std::string& buildDir)
 }
 
 void unmountPrivateTmp() { umount2("/tmp", MNT_DETACH); }
+
+bool becomeUser(const std::string& uid, const std::string& gid)
+{
+    const gid_t group = static_cast<gid_t>(std::stoul(gid));
+    const uid_t user = static_cast<uid_t>(std::stoul(uid));
+    return setgroups(0, nullptr) == 0 && setgid(group) == 0 && setuid(user) == 0 && geteuid() == user;
+}
+
+std::string oneLine(std::string text)
+{
+    std::replace(text.begin(), text.end(), '\n', '|');
+    return text;
+}
 
 bool allowDescriptors(unsigned long wanted)
 {

@@ -68,6 +68,14 @@ std::string mountPrivateTmp(const std::string& buildDir);
 // Takes the tmpfs of mountPrivateTmp away again.
 void unmountPrivateTmp();
 
+// Makes this (child) process the given user with the given group and no
+// supplementary groups; numbers in decimal. False when the system refuses.
+bool becomeUser(const std::string& uid, const std::string& gid);
+
+// text with each newline turned into '|', so that it fits on one line of a
+// child's report.
+std::string oneLine(std::string text);
+
 // Raises the soft limit on open descriptors as far as the hard limit allows;
 // false when fewer than wanted can be open.
 bool allowDescriptors(unsigned long wanted);

@@ -13,7 +13,6 @@
 #include "TestUtil.h"
 
 #include <dirent.h>
-#include <grp.h>
 #include <unistd.h>
 
 #include <memory>
@@ -29,13 +28,6 @@ using systest::LINE_TIMEOUT_MS;
 const uid_t OTHER_UID = 4243;
 const gid_t OTHER_GID = 4243;
 const std::size_t LARGE = std::size_t(1) << 20;
-
-bool becomeUser(const std::string& uid, const std::string& gid)
-{
-    const uid_t user = static_cast<uid_t>(std::stoul(uid));
-    return setgroups(0, nullptr) == 0 && setgid(static_cast<gid_t>(std::stoul(gid))) == 0 && setuid(user) == 0 &&
-           geteuid() == user;
-}
 
 // Pattern-named files in a user's spool directory.
 std::vector<std::string> spoolFilesOf(uid_t owner)
@@ -60,7 +52,7 @@ std::vector<std::string> spoolFilesOf(uid_t owner)
 // <checksum>" and then "STDERR <what the receive wrote there>".
 CC_CHILD_MAIN(otherUser)
 {
-    if (!becomeUser(args.at(0), args.at(1))) {
+    if (!cctest::becomeUser(args.at(0), args.at(1))) {
         cctest::childSay("NO USER");
         return cctest::CHILD_FAILED;
     }
@@ -88,11 +80,7 @@ CC_CHILD_MAIN(otherUser)
             const int got = channel.receiveMsg(data);
             cctest::childSay("GOT " + std::to_string(got) + " " + std::to_string(data.size()) + " " +
                              systest::checksum(data));
-            std::string errors = recorder->text();
-            for (char& c : errors) {
-                c = c == '\n' ? '|' : c;
-            }
-            cctest::childSay("STDERR " + errors);
+            cctest::childSay("STDERR " + cctest::oneLine(recorder->text()));
         } else if (words[0] == "QUIT") {
             break;
         }
