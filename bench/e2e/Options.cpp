@@ -20,6 +20,8 @@ const char USAGE[] =
     "  --sends N          b: timed sends per queue depth (default 2000)\n"
     "  --round-trips N    c, f: round trips per repetition (default 2000)\n"
     "  --seconds S        d: length of each stream (default 2)\n"
+    "  --rates LIST       d: stream rates in msgs/s, 0 for unpaced\n"
+    "                     (default 10000,50000,100000,0)\n"
     "  -h, --help         this text\n";
 
 bool positive(const char* text, double& value)
@@ -27,6 +29,27 @@ bool positive(const char* text, double& value)
     char* end = nullptr;
     value = std::strtod(text, &end);
     return end != text && *end == '\0' && value > 0;
+}
+
+// A comma-separated list of rates, each 0 or more.
+bool parseRates(const char* text, std::vector<double>& rates)
+{
+    std::vector<double> parsed;
+    const char* cursor = text;
+    for (;;) {
+        char* end = nullptr;
+        const double rate = std::strtod(cursor, &end);
+        if (end == cursor || rate < 0 || (*end != ',' && *end != '\0')) {
+            return false;
+        }
+        parsed.push_back(rate);
+        if (*end == '\0') {
+            break;
+        }
+        cursor = end + 1;
+    }
+    rates = parsed;
+    return true;
 }
 
 }  // namespace
@@ -55,6 +78,12 @@ int parseOptions(int argc, char** argv, Options& options, bool& stop)
                     stop = true;
                     return 2;
                 }
+            }
+        } else if (arg == "--rates" && hasValue) {
+            if (!parseRates(argv[++i], options.streamRates)) {
+                std::fprintf(stderr, "commschannel-bench-e2e: bad rates '%s'\n%s", argv[i], USAGE);
+                stop = true;
+                return 2;
             }
         } else if (arg == "--json" && hasValue) {
             options.jsonPath = argv[++i];

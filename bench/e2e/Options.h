@@ -4,6 +4,7 @@
 #define COMMSCHANNEL_BENCH_OPTIONS_H
 
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -16,6 +17,7 @@ struct Options {
     int sendSamples = 2000;         // b: timed sends per queue depth
     int roundTrips = 2000;          // c, f: round trips per repetition
     double streamSeconds = 2.0;     // d: length of each stream
+    std::vector<double> streamRates = {10000, 50000, 100000, 0};  // d: msgs/s, 0 unpaced
     int largeRoundsSmall = 20;      // e: 1 MiB round trips per repetition
     int largeRoundsBig = 3;         // e: 64 MiB round trips per repetition
 

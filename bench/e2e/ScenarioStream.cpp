@@ -16,6 +16,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cinttypes>
 #include <cstdio>
@@ -71,6 +72,26 @@ public:
             count += m_seen[i];
         }
         return count;
+    }
+
+    // Runs of consecutive missing numbers below sent, and the longest one:
+    // a few long runs mean the reader stalled, many short ones that it
+    // could not keep up.
+    void lossRuns(std::uint64_t sent, std::uint64_t& runs, std::uint64_t& longest) const
+    {
+        runs = 0;
+        longest = 0;
+        std::uint64_t current = 0;
+        for (std::uint64_t i = 0; i < sent; ++i) {
+            if (i < m_seen.size() && m_seen[i] != 0) {
+                current = 0;
+                continue;
+            }
+            if (current++ == 0) {
+                ++runs;
+            }
+            longest = std::max(longest, current);
+        }
     }
 
     std::vector<std::uint8_t> m_seen;
@@ -198,6 +219,11 @@ void addStream(Report& report, const std::string& scenario, Side side, int rep, 
     }
     const std::uint64_t lost = result.sent - tracker.receivedBelow(result.sent);
     report.add("d", scenario, "loss %", side, rep, 100.0 * static_cast<double>(lost) / static_cast<double>(result.sent));
+    std::uint64_t runs = 0;
+    std::uint64_t longest = 0;
+    tracker.lossRuns(result.sent, runs, longest);
+    report.add("d", scenario, "loss runs", side, rep, static_cast<double>(runs));
+    report.add("d", scenario, "longest run msgs", side, rep, static_cast<double>(longest));
     report.add("d", scenario, "reordered+dup", side, rep,
                static_cast<double>(tracker.m_reordered + tracker.m_duplicated));
     report.add("d", scenario, "sent msgs/s", side, rep, static_cast<double>(result.sent) / (result.elapsedUs / 1e6));
@@ -211,10 +237,9 @@ void addStream(Report& report, const std::string& scenario, Side side, int rep, 
 
 void runStreams(Context& context)
 {
-    const double rates[] = {10000, 50000, 100000, 0};
     const double seconds = context.options.streamSeconds;
     for (int rep = 1; rep <= context.options.reps; ++rep) {
-        for (double rate : rates) {
+        for (double rate : context.options.streamRates) {
             const std::string scenario =
                 rate > 0 ? "d stream 64 B @" + std::to_string(static_cast<long>(rate / 1000)) + "k/s"
                          : "d stream 64 B unpaced";
