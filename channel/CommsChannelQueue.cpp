@@ -2,6 +2,7 @@
 // receive operations are built on.
 #include "CCInterceptorContext.h"
 #include "CCInterceptorDispatcher.h"
+#include "AnswerExpectation.h"
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsException.h"
@@ -15,6 +16,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <typeinfo>
 #include <utility>
 
 namespace {
@@ -146,7 +148,18 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsCh
     return 1;
 }
 
-bool CommsChannel::waitInSlices(Semaphore* idSemaphore, int timeout, const std::function<void()>& check)
+bool CommsChannel::takeToken(Semaphore* semaphore, int timeout, bool answerExpected)
+{
+    // A caller's own kind of semaphore (a request-id semaphore may be one)
+    // is always waited on through its take().
+    if (answerExpected && typeid(*semaphore) == typeid(Semaphore)) {
+        return semaphore->takeExpectingSoon(timeout) != 0;
+    }
+    return semaphore->take(timeout) != 0;
+}
+
+bool CommsChannel::waitInSlices(Semaphore* idSemaphore, int timeout, const std::function<void()>& check,
+                                bool answerExpected)
 {
     const std::chrono::steady_clock::time_point deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout < 0 ? 0 : timeout);
@@ -162,7 +175,7 @@ bool CommsChannel::waitInSlices(Semaphore* idSemaphore, int timeout, const std::
             }
             slice = static_cast<int>(std::min<long long>(left, CHECK_SLICE_MS));
         }
-        if (idSemaphore->take(slice)) {
+        if (takeToken(idSemaphore, slice, answerExpected)) {
             return true;
         }
     }
@@ -232,9 +245,8 @@ int CommsChannel::getDataFromQ(std::string& data, int timeout) { return takeFron
 
 int CommsChannel::takeFront(int timeout, CommsChannelDataContainerMessage* out, std::string* data)
 {
-    if (timeout == -1) {
-        m_pqueueSemaphore->take(-1);
-    } else if (!m_pqueueSemaphore->take(timeout)) {
+    if (!takeToken(m_pqueueSemaphore, timeout, answer_expectation::beginWait()) &&
+        timeout != -1) {
         throw timeoutException(timeout);
     }
     if (m_shutdown) {
@@ -266,6 +278,7 @@ int CommsChannel::waitForRequestId(CommsChannelDataContainerMessage& out, long r
                                    int timeout, const std::function<void()>* check)
 {
     bool waited = false;
+    const bool answerExpected = answer_expectation::beginWait();
     for (;;) {
         m_pqueueMutex->take(-1);
         std::list<CommsChannelDataContainerMessage*>::iterator match = m_preceiveQueue->begin();
@@ -280,12 +293,10 @@ int CommsChannel::waitForRequestId(CommsChannelDataContainerMessage& out, long r
         m_pqueueMutex->give();
         // Each wait gets the full time-out anew.
         if (check == nullptr) {
-            if (timeout == -1) {
-                idSemaphore->take(-1);
-            } else if (!idSemaphore->take(timeout)) {
+            if (!takeToken(idSemaphore, timeout, answerExpected) && timeout != -1) {
                 throw timeoutException(timeout);
             }
-        } else if (!waitInSlices(idSemaphore, timeout, *check)) {
+        } else if (!waitInSlices(idSemaphore, timeout, *check, answerExpected)) {
             throw timeoutException(timeout);
         }
         waited = true;

@@ -1,6 +1,7 @@
 // The send operations: build or complete a data message whose source is this
 // channel, and hand it to the dispatcher that the locator finds for its
 // destination.
+#include "AnswerExpectation.h"
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelDispatcher.h"
@@ -120,5 +121,9 @@ int CommsChannel::send(CommsChannelDataContainerMessage& message)
         return 0;
     }
     std::unique_ptr<DispatcherShare, ShareRelease> held(share);
-    return dispatcher->sendMsg(this, message);
+    const int sent = dispatcher->sendMsg(this, message);
+    if (sent == 1) {
+        answer_expectation::noteSend();
+    }
+    return sent;
 }

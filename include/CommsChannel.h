@@ -127,7 +127,12 @@ private:
                          int timeout, const std::function<void()>* check);
     // Waits for a count of idSemaphore up to timeout ms (-1: no limit) in
     // slices, calling check before each. False when the time ran out.
-    static bool waitInSlices(Semaphore* idSemaphore, int timeout, const std::function<void()>& check);
+    static bool waitInSlices(Semaphore* idSemaphore, int timeout, const std::function<void()>& check,
+                             bool answerExpected);
+    // Takes a count of semaphore within timeout ms (-1: no limit). When the
+    // calling thread expects an answer (it sent since its last wait), the
+    // wait keeps the processor a little before it sleeps.
+    static bool takeToken(Semaphore* semaphore, int timeout, bool answerExpected);
 
     // The request-id map is keyed by the id as an int, where different ids
     // can meet (and id 0's placeholder entry lives). Waiters are therefore

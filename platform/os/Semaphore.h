@@ -7,8 +7,9 @@
 //
 // Uncontended take() and give() are one compare-and-swap on a single state
 // word; the mutex and condition variable are touched only while some thread
-// sleeps in take(). A take() that finds no count spins, then yields the
-// processor for up to 100 us, before it sleeps (at once on one processor).
+// sleeps in take(). A take() that finds no count spins briefly before it
+// sleeps; takeExpectingSoon() then also yields the processor for up to
+// 100 us. Neither spins on a single processor.
 #ifndef COMMSCHANNEL_SEMAPHORE_H
 #define COMMSCHANNEL_SEMAPHORE_H
 
@@ -39,21 +40,40 @@ public:
     // negative value is treated as 0. Returns non-zero when a count was
     // taken, 0 when the time ran out first.
     virtual int take(int timeout);
+    // take() for a count that is expected within microseconds, such as the
+    // answer to a request just sent: before sleeping, the caller keeps
+    // yielding the processor to anything runnable for up to 100 us (within
+    // the time-out), which saves a sleep and a wake-up when the count comes
+    // in time. A thread that merely consumes a stream should use take(): a
+    // caller that stays runnable competes for the processor with the
+    // threads that produce its counts.
+    int takeExpectingSoon(int timeout);
     // Releases one count, waking one waiter. Returns 1, or 0 when the count
     // was already at its maximum and stays there.
     virtual int give();
 
     // The current count; for diagnostics and tests, outdated at once.
     int count() const;
+    // Whether a take() that finds no count spins before it sleeps: learnt
+    // from the semaphore's recent waits (spinning stops while it rarely
+    // pays, apart from an occasional probe). Never on one processor. For
+    // diagnostics and tests, outdated at once.
+    bool spinsBeforeSleeping() const;
 
 private:
     bool tryTake();
+    int spinningTake(int timeout, bool yieldBeforeSleep);
+    bool shouldSpin();
+    void noteSpin(bool succeeded);
     int sleepingTake(int timeout, const timespec& deadline);
     int wakingGive();
 
     // Bit 0: a thread sleeps, or is about to, in take(); set and cleared only
     // under m_mutex. Bits 1 and up: the count.
     std::atomic<unsigned int> m_state;
+    // How well spinning has paid lately; see shouldSpin().
+    std::atomic<int> m_spinCredit;
+    std::atomic<unsigned int> m_spinProbe;
     int m_sleepers;  // guarded by m_mutex
     pthread_mutex_t m_mutex;
     pthread_cond_t m_available;

@@ -5,6 +5,8 @@
 #include "PlatformTestSupport.h"
 #include "TestUtil.h"
 
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -342,6 +344,163 @@ TEST_F(SemaphoreTest, TimedTakesRacingWithGivesNeverLoseOrInventCounts)
         taker.join();
     }
     EXPECT_EQ(gives, taken.load());
+}
+
+// --- takeExpectingSoon ---------------------------------------------------
+
+TEST_F(SemaphoreTest, TakeExpectingSoonTakesAnAvailableCountAndOnlyTriesWithZeroTimeout)
+{
+    Semaphore sut(1, -1, false);
+    EXPECT_NE(0, sut.takeExpectingSoon(0));
+    EXPECT_EQ(0, sut.takeExpectingSoon(0));
+    EXPECT_EQ(0, sut.takeExpectingSoon(-7));
+    EXPECT_EQ(0, sut.count());
+}
+
+TEST_F(SemaphoreTest, TakeExpectingSoonTimesOutNoEarlierThanItsTimeout)
+{
+    // The yielding before the sleep counts against the time-out, and a
+    // time-out shorter than it is still honoured.
+    Semaphore sut(0, 1, false);
+    for (int timeout : {1, 30}) {
+        const long long start = cctest::nowMs();
+        EXPECT_EQ(0, sut.takeExpectingSoon(timeout));
+        EXPECT_GE(cctest::nowMs() - start, timeout);
+    }
+}
+
+TEST_F(SemaphoreTest, TakeExpectingSoonWaitsUntilGivenAndTakesTheCount)
+{
+    Semaphore sut(0, 1, false);
+    std::atomic<int> result{-1};
+    std::thread waiter([&]() { result = sut.takeExpectingSoon(-1); });
+    EXPECT_FALSE(cctest::waitUntil([&]() { return result.load() != -1; }, 300));
+    sut.give();
+    ASSERT_TRUE(cctest::waitUntil([&]() { return result.load() != -1; }, 20000));
+    waiter.join();
+    EXPECT_NE(0, result.load());
+    EXPECT_EQ(0, sut.count());
+}
+
+TEST_F(SemaphoreTest, TakesOfBothKindsRacingWithGivesNeverLoseOrInventCounts)
+{
+    Semaphore sut(0, -1, false);
+    std::atomic<int> taken{0};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> takers;
+    for (int t = 0; t < 4; ++t) {
+        takers.emplace_back([&, t]() {
+            while (!stop.load()) {
+                const int got = t % 2 == 0 ? sut.takeExpectingSoon(1) : sut.take(1);
+                if (got != 0) {
+                    ++taken;
+                }
+            }
+        });
+    }
+    const int gives = 3000;
+    for (int i = 0; i < gives; ++i) {
+        sut.give();
+        if (i % 64 == 0) {
+            // Now and then a pause long enough for the takers to sleep.
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    }
+    ASSERT_TRUE(cctest::waitUntil([&]() { return taken.load() == gives; }, 30000));
+    stop = true;
+    for (std::thread& taker : takers) {
+        taker.join();
+    }
+    EXPECT_EQ(gives, taken.load());
+    EXPECT_EQ(0, sut.count());
+}
+
+// --- learning whether to spin ----------------------------------------------
+
+bool severalProcessors() { return sysconf(_SC_NPROCESSORS_ONLN) > 1; }
+
+TEST_F(SemaphoreTest, ANewSemaphoreSpinsBeforeSleepingExceptOnOneProcessor)
+{
+    Semaphore sut(0, 1, false);
+    EXPECT_EQ(severalProcessors(), sut.spinsBeforeSleeping());
+}
+
+TEST_F(SemaphoreTest, SpinningStopsAfterWaitsThatItCouldNotShorten)
+{
+    if (!severalProcessors()) {
+        GTEST_SKIP() << "a single processor never spins";
+    }
+    Semaphore sut(0, 1, false);
+    // Every take times out: none of the spins found a count.
+    for (int i = 0; i < 40 && sut.spinsBeforeSleeping(); ++i) {
+        EXPECT_EQ(0, sut.take(1));
+    }
+    EXPECT_FALSE(sut.spinsBeforeSleeping());
+    // Counts that are there already need no spin and change nothing.
+    sut.give();
+    EXPECT_NE(0, sut.take(-1));
+    EXPECT_FALSE(sut.spinsBeforeSleeping());
+}
+
+TEST_F(SemaphoreTest, SpinningResumesOnceCountsComeWhileTheTakerWouldSpin)
+{
+    if (!severalProcessors()) {
+        GTEST_SKIP() << "a single processor never spins";
+    }
+    Semaphore sut(0, 1, false);
+    while (sut.spinsBeforeSleeping()) {
+        ASSERT_EQ(0, sut.take(1));
+    }
+    // A giver that answers every take at once, from another processor: the
+    // occasional probing spin finds the count, and spinning pays again.
+    std::atomic<int> wanted{0};
+    std::atomic<bool> stop{false};
+    std::thread giver([&]() {
+        int given = 0;
+        while (!stop.load()) {
+            if (wanted.load() > given) {
+                ++given;
+                sut.give();
+            }
+        }
+    });
+    const long long start = cctest::nowMs();
+    int takes = 0;
+    while (!sut.spinsBeforeSleeping() && cctest::nowMs() - start < 20000) {
+        ++wanted;
+        ASSERT_NE(0, sut.take(-1));
+        ++takes;
+    }
+    stop = true;
+    giver.join();
+    EXPECT_TRUE(sut.spinsBeforeSleeping()) << "after " << takes << " takes";
+}
+
+TEST_F(SemaphoreTest, SemaphoreThatStoppedSpinningStillWakesEveryTaker)
+{
+    // With spinning off, every wait sleeps: nothing may be lost there.
+    Semaphore sut(0, -1, false);
+    while (sut.spinsBeforeSleeping()) {
+        ASSERT_EQ(0, sut.take(1));
+    }
+    const int rounds = 500;
+    std::atomic<int> taken{0};
+    std::thread taker([&]() {
+        for (int i = 0; i < rounds; ++i) {
+            if (sut.take(-1) != 0) {
+                ++taken;
+            }
+        }
+    });
+    for (int i = 0; i < rounds; ++i) {
+        sut.give();
+        if (i % 8 == 0) {
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    }
+    ASSERT_TRUE(cctest::waitUntil([&]() { return taken.load() == rounds; }, 20000));
+    taker.join();
+    EXPECT_EQ(0, sut.count());
 }
 
 // A derived semaphore's take and give are reached through a Semaphore*, as
