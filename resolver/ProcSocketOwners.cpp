@@ -3,6 +3,7 @@
 #include "ProcNetUdp.h"
 
 #include <dirent.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -74,6 +75,10 @@ std::map<std::uint64_t, int> findSocketOwners(const std::set<std::uint64_t>& ino
     }
     const std::vector<std::string> pids = numericEntries(procRoot);
     for (std::vector<std::string>::const_iterator pid = pids.begin(); pid != pids.end(); ++pid) {
+        // The walk takes a millisecond or more. It runs right after a new
+        // process registered, which is then resolving its first names on
+        // this host's few processors: let anything runnable go first.
+        sched_yield();
         const std::string fdDirectory = procRoot + "/" + *pid + "/fd";
         const std::vector<std::string> descriptors = numericEntries(fdDirectory);
         const int pidValue = std::atoi(pid->c_str());
