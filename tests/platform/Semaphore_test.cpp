@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -17,13 +18,17 @@
 
 namespace {
 
-// Runs sut.take(timeout) on a thread of its own and records its answer, so
-// that a test can watch a take that may block.
+// Runs sut.take(timeout) (or another take) on a thread of its own and
+// records its answer, so that a test can watch a take that may block.
 class PendingTake {
 public:
-    PendingTake(Semaphore& semaphore, int timeout) : m_result(-1)
+    PendingTake(Semaphore& semaphore, int timeout)
+        : PendingTake([&semaphore, timeout]() { return semaphore.take(timeout); })
     {
-        m_thread = std::thread([this, &semaphore, timeout]() { m_result = semaphore.take(timeout); });
+    }
+    explicit PendingTake(std::function<int()> take) : m_result(-1)
+    {
+        m_thread = std::thread([this, take]() { m_result = take(); });
     }
     ~PendingTake()
     {
@@ -41,6 +46,40 @@ public:
 private:
     std::atomic<int> m_result;
     std::thread m_thread;
+};
+
+// Four threads taking counts of a semaphore with take(1) (or with takes
+// chosen per thread) until stopped, counting what they got.
+class RacingTakers {
+public:
+    RacingTakers(Semaphore& semaphore, const std::function<int(Semaphore&, int thread)>& take)
+    {
+        for (int t = 0; t < 4; ++t) {
+            m_threads.emplace_back([this, &semaphore, take, t]() {
+                while (!m_stop.load()) {
+                    if (take(semaphore, t) != 0) {
+                        ++m_taken;
+                    }
+                }
+            });
+        }
+    }
+    ~RacingTakers() { stop(); }
+    int taken() const { return m_taken.load(); }
+    void stop()
+    {
+        m_stop = true;
+        for (std::thread& thread : m_threads) {
+            if (thread.joinable()) {
+                thread.join();
+            }
+        }
+    }
+
+private:
+    std::atomic<int> m_taken{0};
+    std::atomic<bool> m_stop{false};
+    std::vector<std::thread> m_threads;
 };
 
 class SemaphoreTest : public testing::Test {
@@ -321,29 +360,15 @@ TEST_F(SemaphoreTest, LockHandedBetweenSleepingThreadsNeverLosesAWakeUp)
 TEST_F(SemaphoreTest, TimedTakesRacingWithGivesNeverLoseOrInventCounts)
 {
     Semaphore sut(0, -1, false);
-    std::atomic<int> taken{0};
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> takers;
-    for (int t = 0; t < 4; ++t) {
-        takers.emplace_back([&]() {
-            while (!stop.load()) {
-                if (sut.take(1) != 0) {
-                    ++taken;
-                }
-            }
-        });
-    }
+    RacingTakers takers(sut, [](Semaphore& semaphore, int) { return semaphore.take(1); });
     const int gives = 3000;
     for (int i = 0; i < gives; ++i) {
         sut.give();
     }
-    ASSERT_TRUE(cctest::waitUntil([&]() { return taken.load() + sut.count() == gives && sut.count() == 0; },
+    ASSERT_TRUE(cctest::waitUntil([&]() { return takers.taken() + sut.count() == gives && sut.count() == 0; },
                                   30000));
-    stop = true;
-    for (std::thread& taker : takers) {
-        taker.join();
-    }
-    EXPECT_EQ(gives, taken.load());
+    takers.stop();
+    EXPECT_EQ(gives, takers.taken());
 }
 
 // --- takeExpectingSoon ---------------------------------------------------
@@ -372,32 +397,20 @@ TEST_F(SemaphoreTest, TakeExpectingSoonTimesOutNoEarlierThanItsTimeout)
 TEST_F(SemaphoreTest, TakeExpectingSoonWaitsUntilGivenAndTakesTheCount)
 {
     Semaphore sut(0, 1, false);
-    std::atomic<int> result{-1};
-    std::thread waiter([&]() { result = sut.takeExpectingSoon(-1); });
-    EXPECT_FALSE(cctest::waitUntil([&]() { return result.load() != -1; }, 300));
+    PendingTake pending([&sut]() { return sut.takeExpectingSoon(-1); });
+    EXPECT_FALSE(cctest::waitUntil([&]() { return pending.returned(); }, 300));
     sut.give();
-    ASSERT_TRUE(cctest::waitUntil([&]() { return result.load() != -1; }, 20000));
-    waiter.join();
-    EXPECT_NE(0, result.load());
+    ASSERT_TRUE(pending.waitForReturn());
+    EXPECT_NE(0, pending.result());
     EXPECT_EQ(0, sut.count());
 }
 
 TEST_F(SemaphoreTest, TakesOfBothKindsRacingWithGivesNeverLoseOrInventCounts)
 {
     Semaphore sut(0, -1, false);
-    std::atomic<int> taken{0};
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> takers;
-    for (int t = 0; t < 4; ++t) {
-        takers.emplace_back([&, t]() {
-            while (!stop.load()) {
-                const int got = t % 2 == 0 ? sut.takeExpectingSoon(1) : sut.take(1);
-                if (got != 0) {
-                    ++taken;
-                }
-            }
-        });
-    }
+    RacingTakers takers(sut, [](Semaphore& semaphore, int thread) {
+        return thread % 2 == 0 ? semaphore.takeExpectingSoon(1) : semaphore.take(1);
+    });
     const int gives = 3000;
     for (int i = 0; i < gives; ++i) {
         sut.give();
@@ -406,12 +419,9 @@ TEST_F(SemaphoreTest, TakesOfBothKindsRacingWithGivesNeverLoseOrInventCounts)
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
     }
-    ASSERT_TRUE(cctest::waitUntil([&]() { return taken.load() == gives; }, 30000));
-    stop = true;
-    for (std::thread& taker : takers) {
-        taker.join();
-    }
-    EXPECT_EQ(gives, taken.load());
+    ASSERT_TRUE(cctest::waitUntil([&]() { return takers.taken() == gives; }, 30000));
+    takers.stop();
+    EXPECT_EQ(gives, takers.taken());
     EXPECT_EQ(0, sut.count());
 }
 
