@@ -12,6 +12,8 @@
 #ifndef COMMSCHANNEL_COMMS_CHANNEL_RECEIVER_H
 #define COMMSCHANNEL_COMMS_CHANNEL_RECEIVER_H
 
+#include <cstddef>
+
 class CommsChannel;
 
 namespace receiver_state {
@@ -33,6 +35,15 @@ public:
     CommsChannelReceiver();
     // Stops and joins the thread. Reached only through removeReceiveChannel.
     virtual ~CommsChannelReceiver();
+
+    // Receivers are built in storage that is kept for the next receiver. A
+    // deleted receiver's storage holds a dormant receiver (one that owns
+    // nothing) until then, so that a pointer read from instance() just
+    // before another thread deleted its receiver still reaches a receiver;
+    // add, remove and count work on the current receiver whichever they are
+    // called on.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* block) noexcept;
 
     CommsChannelReceiver(const CommsChannelReceiver&) = delete;
     CommsChannelReceiver& operator=(const CommsChannelReceiver&) = delete;
@@ -56,6 +67,9 @@ public:
     void updateSocketMonitorList();
 
 private:
+    struct Dormant {};
+    explicit CommsChannelReceiver(Dormant);
+
     static CommsChannelReceiver* theInstance;
     // This instance's record; owned, freed by the destructor after the join.
     receiver_state::ReceiverRecord* m_precord;

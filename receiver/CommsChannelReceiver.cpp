@@ -4,6 +4,7 @@
 
 #include "CommsChannel.h"
 #include "ReceiverState.h"
+#include "ReceiverStorage.h"
 #include "Semaphore.h"
 #include "Threader.h"
 
@@ -16,6 +17,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 CommsChannelReceiver* CommsChannelReceiver::theInstance = nullptr;
 
@@ -151,6 +153,18 @@ CommsChannelReceiver* CommsChannelReceiver::instance()
     instanceLock().give();
     return current;
 }
+
+void* CommsChannelReceiver::operator new(std::size_t size) { return takeReceiverStorage(size); }
+
+void CommsChannelReceiver::operator delete(void* block) noexcept
+{
+    // Built before the block is marked free, so that no next receiver can be
+    // built in it meanwhile.
+    ::new (block) CommsChannelReceiver(Dormant());
+    giveBackReceiverStorage(block);
+}
+
+CommsChannelReceiver::CommsChannelReceiver(Dormant) : m_precord(nullptr) {}
 
 CommsChannelReceiver::CommsChannelReceiver() : m_precord(new ReceiverRecord())
 {

@@ -4,6 +4,7 @@
 #include "CommsChannel.h"
 #include "CommsChannelReceiver.h"
 #include "ReceiverProbe.h"
+#include "ReceiverStorage.h"
 #include "TestUtil.h"
 
 #include <arpa/inet.h>
@@ -159,6 +160,40 @@ TEST_F(CommsChannelReceiverTest, LastRemovalClearsTheInstanceAndTheNextChannelBu
     EXPECT_FALSE(ReceiverProbe::stopRequested());
     EXPECT_EQ(std::vector<CommsChannel*>{&second}, ReceiverProbe::channels());
     EXPECT_EQ("fresh thread", roundTrip(second, "fresh thread"));
+}
+
+TEST_F(CommsChannelReceiverTest, PointerFromInstanceOutlivingItsReceiverStillReachesTheCurrentOne)
+{
+    // Another thread's view: it read instance() just before the last channel
+    // went, and calls through the pointer afterwards.
+    CommsChannel* first = new CommsChannel("");
+    CommsChannelReceiver* late = CommsChannelReceiver::instance();
+    delete first;
+    ASSERT_EQ(nullptr, ReceiverProbe::current());
+
+    EXPECT_EQ(0, late->numReceiveChannels());
+
+    CommsChannel second("");
+    EXPECT_EQ(1, late->addReceiveChannel(&second));
+    EXPECT_EQ((std::vector<CommsChannel*>{&second, &second}), ReceiverProbe::channels());
+    EXPECT_EQ(2, late->numReceiveChannels());
+    late->removeReceiveChannel(&second);
+    EXPECT_EQ(std::vector<CommsChannel*>{&second}, ReceiverProbe::channels());
+    EXPECT_EQ("through the late pointer", roundTrip(second, "through the late pointer"));
+}
+
+TEST_F(CommsChannelReceiverTest, ReceiversComingAndGoingReuseTheirStorage)
+{
+    for (int round = 0; round < 50; ++round) {
+        CommsChannel channel("");
+        ASSERT_NE(nullptr, ReceiverProbe::current());
+    }
+    const std::size_t blocks = receiver_state::receiverStorageBlocks();
+    EXPECT_GE(blocks, 1u);
+    for (int round = 0; round < 50; ++round) {
+        CommsChannel channel("");
+    }
+    EXPECT_EQ(blocks, receiver_state::receiverStorageBlocks());
 }
 
 TEST_F(CommsChannelReceiverTest, NullChannelChangesNothingAndSendsNothing)
