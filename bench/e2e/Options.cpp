@@ -22,6 +22,9 @@ const char USAGE[] =
     "  --seconds S        d: length of each stream (default 2)\n"
     "  --rates LIST       d: stream rates in msgs/s, 0 for unpaced\n"
     "                     (default 10000,50000,100000,0)\n"
+    "  --pacing MODE      d: how the sender waits for each message's time:\n"
+    "                     sleep (default) or spin (exact spacing, but one\n"
+    "                     processor busy at 50000 msgs/s and more)\n"
     "  -h, --help         this text\n";
 
 bool positive(const char* text, double& value)
@@ -82,6 +85,12 @@ int parseOptions(int argc, char** argv, Options& options, bool& stop)
         } else if (arg == "--rates" && hasValue) {
             if (!parseRates(argv[++i], options.streamRates)) {
                 std::fprintf(stderr, "commschannel-bench-e2e: bad rates '%s'\n%s", argv[i], USAGE);
+                stop = true;
+                return 2;
+            }
+        } else if (arg == "--pacing" && hasValue) {
+            if (!parsePacing(argv[++i], options.pacing)) {
+                std::fprintf(stderr, "commschannel-bench-e2e: bad pacing '%s'\n%s", argv[i], USAGE);
                 stop = true;
                 return 2;
             }

@@ -3,6 +3,8 @@
 #ifndef COMMSCHANNEL_BENCH_OPTIONS_H
 #define COMMSCHANNEL_BENCH_OPTIONS_H
 
+#include "Timing.h"
+
 #include <string>
 #include <vector>
 
@@ -18,6 +20,7 @@ struct Options {
     int roundTrips = 2000;          // c, f: round trips per repetition
     double streamSeconds = 2.0;     // d: length of each stream
     std::vector<double> streamRates = {10000, 50000, 100000, 0};  // d: msgs/s, 0 unpaced
+    Pacing pacing = Pacing::SLEEP;  // d: how the senders wait between messages
     int largeRoundsSmall = 20;      // e: 1 MiB round trips per repetition
     int largeRoundsBig = 3;         // e: 64 MiB round trips per repetition
 

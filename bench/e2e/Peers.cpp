@@ -9,10 +9,11 @@
 //              mem=1 prints "MEM <peak bytes added> <data bytes>" after
 //              each answer.
 //   udp-echo   idle=              raw UDP echo; READY carries its port.
-//   lib-stream name= target= rate= seconds= size=
-//   udp-stream port= rate= seconds= size=
+//   lib-stream name= target= rate= seconds= size= pacing=
+//   udp-stream port= rate= seconds= size= pacing=
 //              after "GO" on standard input, sends sequenced messages at
-//              the rate (0: unpaced) for the time, then prints
+//              the rate (0: unpaced; pacing sleep or spin) for the time,
+//              then prints
 //              "DONE sent=<n> failed=<n> elapsed_us=<t>".
 //   lib-sink   name=              channel "name" that takes and drops every
 //              message, plus a raw UDP echo whose port READY carries.
@@ -196,7 +197,12 @@ int stream(const PeerArgs& args, const std::function<bool(char*, int)>& send)
         return 1;
     }
     std::vector<char> buffer(static_cast<std::size_t>(size));
-    Pacer pacer(rate);
+    Pacing pacing = Pacing::SLEEP;
+    if (!parsePacing(text(args, "pacing"), pacing)) {
+        std::fprintf(stderr, "stream: pacing '%s' unknown\n", text(args, "pacing").c_str());
+        return 1;
+    }
+    Pacer pacer(rate, pacing);
     pacer.start();
     const std::int64_t start = nowNs();
     const std::int64_t end = start + static_cast<std::int64_t>(seconds * 1e9);

@@ -139,7 +139,7 @@ StreamResult driveStream(PeerProcess& peer, SequenceTracker& tracker, double sec
     return result;
 }
 
-StreamResult libraryStream(double rate, double seconds, SequenceTracker& tracker)
+StreamResult libraryStream(double rate, double seconds, Pacing pacing, SequenceTracker& tracker)
 {
     CommsChannel receiver(uniqueName("d-rx"));
     std::thread application([&] {
@@ -156,7 +156,7 @@ StreamResult libraryStream(double rate, double seconds, SequenceTracker& tracker
         startPeer(peer,
                   {"lib-stream", "name=" + uniqueName("d-tx"), "target=" + receiver.channelName(),
                    "rate=" + std::to_string(static_cast<long>(rate)), "seconds=" + std::to_string(seconds),
-                   "size=" + std::to_string(MESSAGE_SIZE)},
+                   "size=" + std::to_string(MESSAGE_SIZE), std::string("pacing=") + pacingName(pacing)},
                   READY_TIMEOUT_MS, nullptr);
         result = driveStream(peer, tracker, seconds, "d library stream");
     } catch (...) {
@@ -170,7 +170,7 @@ StreamResult libraryStream(double rate, double seconds, SequenceTracker& tracker
     return result;
 }
 
-StreamResult udpStream(double rate, double seconds, SequenceTracker& tracker)
+StreamResult udpStream(double rate, double seconds, Pacing pacing, SequenceTracker& tracker)
 {
     const int fd = openUdpSocket(65535);
     if (fd < 0) {
@@ -192,7 +192,7 @@ StreamResult udpStream(double rate, double seconds, SequenceTracker& tracker)
         startPeer(peer,
                   {"udp-stream", "port=" + std::to_string(udpPort(fd)),
                    "rate=" + std::to_string(static_cast<long>(rate)), "seconds=" + std::to_string(seconds),
-                   "size=" + std::to_string(MESSAGE_SIZE)},
+                   "size=" + std::to_string(MESSAGE_SIZE), std::string("pacing=") + pacingName(pacing)},
                   READY_TIMEOUT_MS, nullptr);
         result = driveStream(peer, tracker, seconds, "d UDP stream");
     } catch (...) {
@@ -238,6 +238,7 @@ void addStream(Report& report, const std::string& scenario, Side side, int rep, 
 void runStreams(Context& context)
 {
     const double seconds = context.options.streamSeconds;
+    std::printf("senders wait for each message's time by: %s\n", pacingName(context.options.pacing));
     for (int rep = 1; rep <= context.options.reps; ++rep) {
         for (double rate : context.options.streamRates) {
             const std::string scenario =
@@ -245,12 +246,12 @@ void runStreams(Context& context)
                          : "d stream 64 B unpaced";
             {
                 SequenceTracker tracker;
-                const StreamResult result = libraryStream(rate, seconds, tracker);
+                const StreamResult result = libraryStream(rate, seconds, context.options.pacing, tracker);
                 addStream(context.report, scenario, Side::LIBRARY, rep, result, tracker);
             }
             {
                 SequenceTracker tracker;
-                const StreamResult result = udpStream(rate, seconds, tracker);
+                const StreamResult result = udpStream(rate, seconds, context.options.pacing, tracker);
                 addStream(context.report, scenario, Side::BASELINE, rep, result, tracker);
             }
         }

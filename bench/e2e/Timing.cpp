@@ -38,7 +38,22 @@ void sleepUntil(std::int64_t deadlineNs)
     }
 }
 
-Pacer::Pacer(double ratePerSecond) : m_periodNs(ratePerSecond > 0 ? 1e9 / ratePerSecond : 0), m_startNs(0)
+bool parsePacing(const std::string& text, Pacing& pacing)
+{
+    if (text == "sleep") {
+        pacing = Pacing::SLEEP;
+    } else if (text == "spin") {
+        pacing = Pacing::SPIN;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+const char* pacingName(Pacing pacing) { return pacing == Pacing::SPIN ? "spin" : "sleep"; }
+
+Pacer::Pacer(double ratePerSecond, Pacing pacing)
+    : m_periodNs(ratePerSecond > 0 ? 1e9 / ratePerSecond : 0), m_pacing(pacing), m_startNs(0)
 {
     // The default slack of 50 us would make every sleep end late.
     prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
@@ -53,6 +68,12 @@ void Pacer::waitFor(std::uint64_t index)
     }
     const std::int64_t deadline = m_startNs + static_cast<std::int64_t>(m_periodNs * static_cast<double>(index));
     std::int64_t now = nowNs();
+    if (m_pacing == Pacing::SLEEP) {
+        if (deadline > now) {
+            sleepUntil(deadline);
+        }
+        return;
+    }
     if (deadline - now > SPIN_NS) {
         sleepUntil(deadline - SPIN_NS / 2);
         now = nowNs();

@@ -5,6 +5,7 @@
 #define COMMSCHANNEL_BENCH_TIMING_H
 
 #include <cstdint>
+#include <string>
 
 namespace bench {
 
@@ -17,19 +18,33 @@ inline double nsToMs(std::int64_t ns) { return static_cast<double>(ns) / 1e6; }
 // Sleeps until the absolute monotonic time deadlineNs (no-op when past).
 void sleepUntil(std::int64_t deadlineNs);
 
-// Releases message i at start + i / rate. Far from a deadline it sleeps
-// (with a timer slack of 1 ns, set by the constructor for this thread) and
-// spins the last stretch, so that rates of 100,000 per second and more keep
-// their spacing. Rate 0 means unpaced: waitFor() returns at once.
-// One thread uses a pacer.
+// How a pacer waits for a deadline.
+enum class Pacing {
+    // Sleeps until the deadline. The processor is free meanwhile, as it is
+    // with a real producer; a late wake-up sends what is due at once.
+    SLEEP,
+    // Sleeps until close to the deadline, then spins the last 60 us: exact
+    // spacing, but at 20 us or less between messages the sender keeps one
+    // processor busy all the time.
+    SPIN,
+};
+
+// "sleep" or "spin"; false for anything else.
+bool parsePacing(const std::string& text, Pacing& pacing);
+const char* pacingName(Pacing pacing);
+
+// Releases message i at start + i / rate, with a timer slack of 1 ns (set
+// by the constructor for this thread). Rate 0 means unpaced: waitFor()
+// returns at once. One thread uses a pacer.
 class Pacer {
 public:
-    explicit Pacer(double ratePerSecond);
+    Pacer(double ratePerSecond, Pacing pacing);
     void start();
     void waitFor(std::uint64_t index);
 
 private:
     double m_periodNs;
+    Pacing m_pacing;
     std::int64_t m_startNs;
 };
 
