@@ -40,8 +40,10 @@ public:
     // deleted receiver's storage holds a dormant receiver (one that owns
     // nothing) until then, so that a pointer read from instance() just
     // before another thread deleted its receiver still reaches a receiver;
-    // add, remove and count work on the current receiver whichever they are
-    // called on.
+    // add, remove, count and statusUpdate work on the current receiver
+    // whichever they are called on; a dormant receiver's
+    // createStatusUpdateSocketConnection (0) and updateSocketMonitorList do
+    // nothing.
     static void* operator new(std::size_t size);
     static void operator delete(void* block) noexcept;
 

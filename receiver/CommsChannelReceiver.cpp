@@ -254,6 +254,10 @@ CommsChannelReceiver::~CommsChannelReceiver()
 
 int CommsChannelReceiver::createStatusUpdateSocketConnection()
 {
+    if (m_precord == nullptr) {
+        // A dormant receiver: the current one keeps its socket.
+        return 0;
+    }
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     statusSocket = fd;
     m_precord->statusSocket = fd;
@@ -284,6 +288,10 @@ int CommsChannelReceiver::createStatusUpdateSocketConnection()
 
 void CommsChannelReceiver::updateSocketMonitorList()
 {
+    if (m_precord == nullptr) {
+        // A dormant receiver: the view belongs to the current one.
+        return;
+    }
     // The select-style view of what is watched (the epoll set is kept in
     // step by add and remove). Descriptors beyond the 1024 bits of an fd_set
     // are watched all the same; they only do not appear in monitorSet.

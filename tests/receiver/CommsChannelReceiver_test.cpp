@@ -182,6 +182,40 @@ TEST_F(CommsChannelReceiverTest, PointerFromInstanceOutlivingItsReceiverStillRea
     EXPECT_EQ("through the late pointer", roundTrip(second, "through the late pointer"));
 }
 
+TEST_F(CommsChannelReceiverTest, DormantReceiverLeavesTheCurrentReceiversSocketsAndViewAlone)
+{
+    CommsChannel channel("");
+    ASSERT_NE(nullptr, ReceiverProbe::current());
+    // What a deleted receiver's block holds: a block given back through
+    // the class's own delete, while the current receiver lives elsewhere.
+    void* block = CommsChannelReceiver::operator new(sizeof(CommsChannelReceiver));
+    CommsChannelReceiver::operator delete(block);
+    // The class keeps its blocks: using one after its delete is the point.
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuse-after-free"
+#endif
+    CommsChannelReceiver* dormant = static_cast<CommsChannelReceiver*>(block);
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
+#pragma GCC diagnostic pop
+#endif
+    ASSERT_NE(ReceiverProbe::current(), dormant);
+    const int statusSocket = ReceiverProbe::statusSocket();
+    const int statusPort = ReceiverProbe::statusPort();
+
+    receiver_state::channelListLock().take(-1);
+    dormant->updateSocketMonitorList();
+    receiver_state::channelListLock().give();
+    EXPECT_EQ(0, dormant->createStatusUpdateSocketConnection());
+    EXPECT_EQ(1, dormant->numReceiveChannels());
+
+    EXPECT_TRUE(ReceiverProbe::isMonitored(channel.socketHandle()));
+    EXPECT_TRUE(ReceiverProbe::isMonitored(statusSocket));
+    EXPECT_EQ(statusSocket, ReceiverProbe::statusSocket());
+    EXPECT_EQ(statusPort, ReceiverProbe::statusPort());
+    EXPECT_EQ("current receiver untouched", roundTrip(channel, "current receiver untouched"));
+}
+
 TEST_F(CommsChannelReceiverTest, ReceiversComingAndGoingReuseTheirStorage)
 {
     for (int round = 0; round < 50; ++round) {
