@@ -87,7 +87,11 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsCh
             copy = new CommsChannelDataContainerMessage(*original);
         }
     }
-    copy->setPriority(priority);
+    if (copy->priority() != priority) {
+        // A kept message usually has this priority already; an unchanged
+        // line stays where the receiving thread last read it.
+        copy->setPriority(priority);
+    }
     Semaphore* target = m_pqueueSemaphore;
     if (copy->requestId() != 0) {
         // Only a waiter registered for this very id takes the token; the

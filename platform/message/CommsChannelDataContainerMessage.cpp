@@ -98,26 +98,44 @@ void CommsChannelDataContainerMessage::takeData(std::string& out)
     }
 }
 
+namespace {
+// Writes only what differs: a kept message copied into again and again
+// mostly holds the same names, and an unchanged cache line is not taken
+// away from the thread that reads the message next.
+template <typename T>
+void assignChanged(T& to, const T& from)
+{
+    if (to != from) {
+        to = from;
+    }
+}
+}  // namespace
+
 void CommsChannelDataContainerMessage::copyFields(const CommsChannelDataContainerMessage& other)
 {
-    m_sourceChannel = other.m_sourceChannel;
-    m_callbackChannel = other.m_callbackChannel;
-    m_protocol = other.m_protocol;
-    m_interface = other.m_interface;
-    m_remoteContext = other.m_remoteContext;
-    m_requestId = other.m_requestId;
-    m_msgType = other.m_msgType;
-    m_priority = other.m_priority;
+    assignChanged(m_sourceChannel, other.m_sourceChannel);
+    assignChanged(m_callbackChannel, other.m_callbackChannel);
+    assignChanged(m_protocol, other.m_protocol);
+    assignChanged(m_interface, other.m_interface);
+    assignChanged(m_remoteContext, other.m_remoteContext);
+    assignChanged(m_requestId, other.m_requestId);
+    assignChanged(m_msgType, other.m_msgType);
+    assignChanged(m_priority, other.m_priority);
     largedata::assign(m_data, other.m_data.data(), other.m_data.size());
 }
 
 void CommsChannelDataContainerMessage::dropDataFile()
 {
-    if (!m_dataFile.empty() && !m_dataFileHandedOut) {
-        spool::discard(m_dataFile);
+    // Nothing is written when there is nothing to drop (see assignChanged).
+    if (!m_dataFile.empty()) {
+        if (!m_dataFileHandedOut) {
+            spool::discard(m_dataFile);
+        }
+        m_dataFile.clear();
     }
-    m_dataFile.clear();
-    m_dataFileHandedOut = false;
+    if (m_dataFileHandedOut) {
+        m_dataFileHandedOut = false;
+    }
 }
 
 void CommsChannelDataContainerMessage::setSourceChannel(const std::string& name) { m_sourceChannel = name; }

@@ -15,8 +15,12 @@ CommsChannelMessage::CommsChannelMessage(const CommsChannelMessage& other)
 CommsChannelMessage& CommsChannelMessage::operator=(const CommsChannelMessage& other)
 {
     if (this != &other) {
-        m_type = other.m_type;
-        m_channel = other.m_channel;
+        if (m_type != other.m_type) {
+            m_type = other.m_type;
+        }
+        if (m_channel != other.m_channel) {
+            m_channel = other.m_channel;
+        }
     }
     return *this;
 }

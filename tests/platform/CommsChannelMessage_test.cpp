@@ -520,6 +520,67 @@ TEST_F(CommsChannelMessageTest, AssignmentOfDataContainerIsDeepAndSelfSafe)
     EXPECT_EQ(std::string("hello\0world", 11), sut.getData());
 }
 
+TEST_F(CommsChannelMessageTest, AssignmentIntoAKeptMessageTakesEveryFieldWhetherItDiffersOrNot)
+{
+    // Each field of the target differs from the source in its own way:
+    // same length, other length, empty, or already equal.
+    CommsChannelDataContainerMessage sut;
+    sut.setChannel("destinatioX");
+    sut.setSourceChannel("a much longer source name");
+    sut.setCallbackChannel("");
+    sut.setProtocol("proto");
+    sut.setInterface("eth-iX");
+    sut.setRemoteContext("r");
+    sut.setRequestId(123456);
+    sut.setMsgType(9);
+    sut.setPriority(VIREO_PRIORITY_LOW);
+    sut.setData("other bytes", 11);
+    const CommsChannelDataContainerMessage original = fullDataMessage();
+
+    sut = original;
+    EXPECT_EQ("destination", sut.channel());
+    EXPECT_EQ("source", sut.sourceChannel());
+    EXPECT_EQ("callback", sut.callbackChannel());
+    EXPECT_EQ("proto", sut.protocol());
+    EXPECT_EQ("eth-if", sut.interface());
+    EXPECT_EQ("remote-ctx", sut.remoteContext());
+    EXPECT_EQ(123456, sut.requestId());
+    EXPECT_EQ(4, sut.msgType());
+    EXPECT_EQ(VIREO_PRIORITY_HIGH, sut.priority());
+    EXPECT_EQ(std::string("hello\0world", 11), sut.getData());
+
+    // And back to empty names and zero values.
+    const CommsChannelDataContainerMessage empty;
+    sut = empty;
+    EXPECT_EQ("", sut.channel());
+    EXPECT_EQ("", sut.sourceChannel());
+    EXPECT_EQ("", sut.callbackChannel());
+    EXPECT_EQ("", sut.protocol());
+    EXPECT_EQ("", sut.interface());
+    EXPECT_EQ("", sut.remoteContext());
+    EXPECT_EQ(empty.requestId(), sut.requestId());
+    EXPECT_EQ(empty.msgType(), sut.msgType());
+    EXPECT_EQ(empty.priority(), sut.priority());
+    EXPECT_EQ(0, sut.getDataLength());
+}
+
+TEST(CommsChannelMessageSpoolTest, AssignmentOverAMessageWithAPendingSpoolFileRemovesTheFile)
+{
+    const std::vector<std::string> before = cctest::spoolFilesOfThisProcess();
+    CommsChannelDataContainerMessage target;
+    target.setData(std::string(70000, 'y').data(), 70000);
+    target.putDataToFile();
+    ASSERT_TRUE(target.hasDataFile());
+    ASSERT_NE(before, cctest::spoolFilesOfThisProcess());
+
+    CommsChannelDataContainerMessage small;
+    small.setData("small", 5);
+    target = small;
+    EXPECT_FALSE(target.hasDataFile());
+    EXPECT_EQ("small", target.getData());
+    EXPECT_EQ(before, cctest::spoolFilesOfThisProcess());
+}
+
 TEST_F(CommsChannelMessageTest, SetDataWithNullOrNonPositiveLengthLeavesNoData)
 {
     CommsChannelDataContainerMessage sut;
