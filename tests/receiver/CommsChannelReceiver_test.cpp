@@ -5,6 +5,7 @@
 #include "CommsChannelReceiver.h"
 #include "ReceiverProbe.h"
 #include "ReceiverStorage.h"
+#include "RoundBarrier.h"
 #include "TestUtil.h"
 
 #include <arpa/inet.h>
@@ -439,31 +440,6 @@ TEST_F(CommsChannelReceiverTest, ChannelsComingAndGoingWhileTrafficFlowsLoseNoth
     }
 }
 
-// Lets a group of threads pass only together, round after round.
-class RoundBarrier {
-public:
-    explicit RoundBarrier(int parties) : m_parties(parties) {}
-    void arriveAndWait()
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        const long round = m_round;
-        if (++m_arrived == m_parties) {
-            m_arrived = 0;
-            ++m_round;
-            m_changed.notify_all();
-            return;
-        }
-        m_changed.wait(lock, [this, round] { return m_round != round; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    const int m_parties;
-    int m_arrived = 0;
-    long m_round = 0;
-};
-
 TEST_F(CommsChannelReceiverTest, ReceiverComingAndGoingThousandsOfTimesJoinsEachThreadOnce)
 {
     const unsigned long startedBefore = receiver_state::threadsStarted;
@@ -471,7 +447,7 @@ TEST_F(CommsChannelReceiverTest, ReceiverComingAndGoingThousandsOfTimesJoinsEach
     const int threads = 8;
     const int cyclesPerThread = 10000 / threads;
     std::atomic<int> failures(0);
-    RoundBarrier barrier(threads);
+    cctest::RoundBarrier barrier(threads);
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t) {
         workers.emplace_back([t, cyclesPerThread, &failures, &barrier] {
