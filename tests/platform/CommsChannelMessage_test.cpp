@@ -520,6 +520,22 @@ TEST_F(CommsChannelMessageTest, AssignmentOfDataContainerIsDeepAndSelfSafe)
     EXPECT_EQ(std::string("hello\0world", 11), sut.getData());
 }
 
+// Every field of actual, one by one, against expected. (The name getters
+// hand out references, so neither message can be const.)
+void expectSameFields(CommsChannelDataContainerMessage& expected, CommsChannelDataContainerMessage& actual)
+{
+    EXPECT_EQ(expected.channel(), actual.channel());
+    EXPECT_EQ(expected.sourceChannel(), actual.sourceChannel());
+    EXPECT_EQ(expected.callbackChannel(), actual.callbackChannel());
+    EXPECT_EQ(expected.protocol(), actual.protocol());
+    EXPECT_EQ(expected.interface(), actual.interface());
+    EXPECT_EQ(expected.remoteContext(), actual.remoteContext());
+    EXPECT_EQ(expected.requestId(), actual.requestId());
+    EXPECT_EQ(expected.msgType(), actual.msgType());
+    EXPECT_EQ(expected.priority(), actual.priority());
+    EXPECT_EQ(expected.getData(), actual.getData());
+}
+
 TEST_F(CommsChannelMessageTest, AssignmentIntoAKeptMessageTakesEveryFieldWhetherItDiffersOrNot)
 {
     // Each field of the target differs from the source in its own way:
@@ -535,32 +551,15 @@ TEST_F(CommsChannelMessageTest, AssignmentIntoAKeptMessageTakesEveryFieldWhether
     sut.setMsgType(9);
     sut.setPriority(VIREO_PRIORITY_LOW);
     sut.setData("other bytes", 11);
-    const CommsChannelDataContainerMessage original = fullDataMessage();
+    CommsChannelDataContainerMessage original = fullDataMessage();
 
     sut = original;
-    EXPECT_EQ("destination", sut.channel());
-    EXPECT_EQ("source", sut.sourceChannel());
-    EXPECT_EQ("callback", sut.callbackChannel());
-    EXPECT_EQ("proto", sut.protocol());
-    EXPECT_EQ("eth-if", sut.interface());
-    EXPECT_EQ("remote-ctx", sut.remoteContext());
-    EXPECT_EQ(123456, sut.requestId());
-    EXPECT_EQ(4, sut.msgType());
-    EXPECT_EQ(VIREO_PRIORITY_HIGH, sut.priority());
-    EXPECT_EQ(std::string("hello\0world", 11), sut.getData());
+    expectSameFields(original, sut);
 
     // And back to empty names and zero values.
-    const CommsChannelDataContainerMessage empty;
+    CommsChannelDataContainerMessage empty;
     sut = empty;
-    EXPECT_EQ("", sut.channel());
-    EXPECT_EQ("", sut.sourceChannel());
-    EXPECT_EQ("", sut.callbackChannel());
-    EXPECT_EQ("", sut.protocol());
-    EXPECT_EQ("", sut.interface());
-    EXPECT_EQ("", sut.remoteContext());
-    EXPECT_EQ(empty.requestId(), sut.requestId());
-    EXPECT_EQ(empty.msgType(), sut.msgType());
-    EXPECT_EQ(empty.priority(), sut.priority());
+    expectSameFields(empty, sut);
     EXPECT_EQ(0, sut.getDataLength());
 }
 

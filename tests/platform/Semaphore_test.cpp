@@ -82,6 +82,19 @@ private:
     std::vector<std::thread> m_threads;
 };
 
+// Gives the semaphore `gives` times, sleeping for `pause` after every
+// `pauseEvery`-th give (never when pauseEvery is 0), long enough for a
+// taker to stop spinning and sleep.
+void giveWithPauses(Semaphore& semaphore, int gives, int pauseEvery, std::chrono::microseconds pause)
+{
+    for (int i = 0; i < gives; ++i) {
+        semaphore.give();
+        if (pauseEvery != 0 && i % pauseEvery == 0) {
+            std::this_thread::sleep_for(pause);
+        }
+    }
+}
+
 class SemaphoreTest : public testing::Test {
 protected:
     pftest::Watchdog watchdog{60000};
@@ -362,9 +375,7 @@ TEST_F(SemaphoreTest, TimedTakesRacingWithGivesNeverLoseOrInventCounts)
     Semaphore sut(0, -1, false);
     RacingTakers takers(sut, [](Semaphore& semaphore, int) { return semaphore.take(1); });
     const int gives = 3000;
-    for (int i = 0; i < gives; ++i) {
-        sut.give();
-    }
+    giveWithPauses(sut, gives, 0, std::chrono::microseconds(0));
     ASSERT_TRUE(cctest::waitUntil([&]() { return takers.taken() + sut.count() == gives && sut.count() == 0; },
                                   30000));
     takers.stop();
@@ -412,13 +423,7 @@ TEST_F(SemaphoreTest, TakesOfBothKindsRacingWithGivesNeverLoseOrInventCounts)
         return thread % 2 == 0 ? semaphore.takeExpectingSoon(1) : semaphore.take(1);
     });
     const int gives = 3000;
-    for (int i = 0; i < gives; ++i) {
-        sut.give();
-        if (i % 64 == 0) {
-            // Now and then a pause long enough for the takers to sleep.
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-    }
+    giveWithPauses(sut, gives, 64, std::chrono::microseconds(200));
     ASSERT_TRUE(cctest::waitUntil([&]() { return takers.taken() == gives; }, 30000));
     takers.stop();
     EXPECT_EQ(gives, takers.taken());
@@ -502,12 +507,7 @@ TEST_F(SemaphoreTest, SemaphoreThatStoppedSpinningStillWakesEveryTaker)
             }
         }
     });
-    for (int i = 0; i < rounds; ++i) {
-        sut.give();
-        if (i % 8 == 0) {
-            std::this_thread::sleep_for(std::chrono::microseconds(100));
-        }
-    }
+    giveWithPauses(sut, rounds, 8, std::chrono::microseconds(100));
     ASSERT_TRUE(cctest::waitUntil([&]() { return taken.load() == rounds; }, 20000));
     taker.join();
     EXPECT_EQ(0, sut.count());
