@@ -77,7 +77,7 @@ timespec deadlineAfter(int timeoutMs)
 }  // namespace
 
 Semaphore::Semaphore(int initialCount, int maxCount, bool /*reserved*/)
-    : m_state(0), m_spinCredit(MAX_SPIN_CREDIT), m_spinProbe(0), m_sleepers(0), m_maxCount(maxCount)
+    : m_state(0), m_spinCredit(MAX_SPIN_CREDIT), m_spinProbe(0), m_sleepers(0), m_signalled(0), m_maxCount(maxCount)
 {
     int count = initialCount < 0 ? 0 : initialCount;
     if (m_maxCount >= 0 && count > m_maxCount) {
@@ -204,15 +204,21 @@ int Semaphore::sleepingTake(int timeout, const timespec& deadline)
                                            std::memory_order_relaxed)) {
             continue;
         }
-        if (timeout == WAIT_FOREVER) {
-            pthread_cond_wait(&m_available, &m_mutex);
-        } else if (pthread_cond_timedwait(&m_available, &m_mutex, &deadline) == ETIMEDOUT) {
+        const int woke = timeout == WAIT_FOREVER ? pthread_cond_wait(&m_available, &m_mutex)
+                                                 : pthread_cond_timedwait(&m_available, &m_mutex, &deadline);
+        if (m_signalled > 0) {
+            --m_signalled;
+        }
+        if (woke == ETIMEDOUT) {
             taken = tryTake() ? 1 : 0;
             break;
         }
         state = m_state.load(std::memory_order_relaxed);
     }
     if (--m_sleepers == 0) {
+        m_signalled = 0;
+    }
+    if (m_sleepers <= m_signalled) {
         m_state.fetch_and(~SLEEPERS, std::memory_order_relaxed);
     }
     pthread_mutex_unlock(&m_mutex);
@@ -252,7 +258,17 @@ int Semaphore::wakingGive()
             break;
         }
     }
-    pthread_cond_signal(&m_available);
+    if (m_sleepers > m_signalled) {
+        pthread_cond_signal(&m_available);
+        ++m_signalled;
+        // Once every sleeper has a wake-up on its way, later gives need not
+        // come through here: each would queue another futile signal and
+        // fight the woken thread for the mutex. A woken sleeper that finds
+        // no count after all sets the flag again before it sleeps.
+        if (m_signalled >= m_sleepers) {
+            m_state.fetch_and(~SLEEPERS, std::memory_order_relaxed);
+        }
+    }
     pthread_mutex_unlock(&m_mutex);
     return 1;
 }

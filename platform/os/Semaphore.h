@@ -75,6 +75,9 @@ private:
     std::atomic<int> m_spinCredit;
     std::atomic<unsigned int> m_spinProbe;
     int m_sleepers;  // guarded by m_mutex
+    // Sleepers signalled by a give() that have not woken since; guarded by
+    // m_mutex.
+    int m_signalled;
     pthread_mutex_t m_mutex;
     pthread_cond_t m_available;
     const int m_maxCount;

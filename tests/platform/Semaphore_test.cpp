@@ -513,6 +513,52 @@ TEST_F(SemaphoreTest, SemaphoreThatStoppedSpinningStillWakesEveryTaker)
     EXPECT_EQ(0, sut.count());
 }
 
+TEST_F(SemaphoreTest, GivesArrivingWhileSleepersWakeReachEverySleeper)
+{
+    // Three takers that sleep at once, and one that only ever tries and
+    // so takes counts from under woken sleepers. Gives come in bursts: the
+    // first gives of a burst wake the sleepers, the rest find them already
+    // woken. Every count is taken once and nobody sleeps through one.
+    Semaphore sut(0, -1, false);
+    while (sut.spinsBeforeSleeping()) {
+        ASSERT_EQ(0, sut.take(1));
+    }
+    const int gives = 3000;
+    std::atomic<int> taken{0};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> takers;
+    for (int t = 0; t < 3; ++t) {
+        takers.emplace_back([&] {
+            while (!stop.load()) {
+                if (sut.take(-1) != 0) {
+                    ++taken;
+                }
+            }
+        });
+    }
+    takers.emplace_back([&] {
+        while (!stop.load()) {
+            if (sut.take(0) != 0) {
+                ++taken;
+            } else {
+                std::this_thread::yield();
+            }
+        }
+    });
+    giveWithPauses(sut, gives, 16, std::chrono::microseconds(200));
+    const bool allTaken = cctest::waitUntil([&] { return taken.load() == gives; }, 20000);
+    stop = true;
+    // One more count for each sleeping taker, so that all of them return.
+    for (int t = 0; t < 3; ++t) {
+        sut.give();
+    }
+    for (std::thread& taker : takers) {
+        taker.join();
+    }
+    EXPECT_TRUE(allTaken) << taken.load() << " of " << gives << " counts taken";
+    EXPECT_EQ(gives + 3, taken.load() + sut.count());
+}
+
 // A derived semaphore's take and give are reached through a Semaphore*, as
 // the channel library calls them.
 class CountingSemaphore : public Semaphore {
