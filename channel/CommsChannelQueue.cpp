@@ -38,6 +38,13 @@ CommsException timeoutException(int timeout)
     return CommsException("CommsChannel 'receive' timed out, timeout duration = " + std::to_string(timeout));
 }
 
+void deleteAll(std::list<CommsChannelDataContainerMessage*>& messages)
+{
+    for (CommsChannelDataContainerMessage* message : messages) {
+        delete message;
+    }
+}
+
 }  // namespace
 
 int CommsChannel::addToMsgQ(CommsChannelDataContainerMessage& message)
@@ -73,20 +80,31 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsCh
             ? m_msgTypePriorities[static_cast<std::size_t>(msgType)]
             : VIREO_PRIORITY_LOW;
 
-    m_pqueueMutex->take(-1);
-    // The copy goes into a message kept from an earlier receive when there
-    // is one (its buffers are reused), else into a new one.
-    CommsChannelDataContainerMessage* copy = owned;
-    std::list<CommsChannelDataContainerMessage*>::iterator spareNode = m_psparedMessages->end();
-    if (copy == nullptr) {
-        if (!m_psparedMessages->empty()) {
-            spareNode = m_psparedMessages->begin();
-            copy = *spareNode;
-            *copy = *original;
-        } else {
-            copy = new CommsChannelDataContainerMessage(*original);
-        }
+    // Nothing is allocated or freed while the queue is locked: a consumer
+    // that waits for the lock would wait for the allocator too, and a
+    // producer that has run ahead of its consumer allocates for every send.
+    // incoming holds the message to queue, with its list node, when it is
+    // not a kept one.
+    std::list<CommsChannelDataContainerMessage*> incoming;
+    std::list<CommsChannelDataContainerMessage*> discarded;
+    if (owned != nullptr) {
+        incoming.push_back(owned);
     }
+    m_pqueueMutex->take(-1);
+    if (owned == nullptr && m_psparedMessages->empty()) {
+        m_pqueueMutex->give();
+        incoming.push_back(new CommsChannelDataContainerMessage(*original));
+        m_pqueueMutex->take(-1);
+    }
+    // Otherwise the copy goes into a message kept from an earlier receive
+    // (its buffers are reused).
+    std::list<CommsChannelDataContainerMessage*>* source = &incoming;
+    if (incoming.empty()) {
+        source = m_psparedMessages;
+        *source->front() = *original;
+    }
+    const std::list<CommsChannelDataContainerMessage*>::iterator node = source->begin();
+    CommsChannelDataContainerMessage* copy = *node;
     if (copy->priority() != priority) {
         // A kept message usually has this priority already; an unchanged
         // line stays where the receiving thread last read it.
@@ -114,22 +132,12 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsCh
     if (!keep) {
         // A dropped message still gives its token: the woken waiter finds
         // nothing new and returns 0 or scans again.
-        if (spareNode != m_psparedMessages->end()) {
-            m_psparedMessages->erase(spareNode);
-        }
-        delete copy;
+        discarded.splice(discarded.end(), *source, node);
     } else {
-        // Behind every message of the same or a higher priority.
-        const std::list<CommsChannelDataContainerMessage*>::iterator at =
-            m_pqueueIndex->insertPosition(*m_preceiveQueue, priority);
-        std::list<CommsChannelDataContainerMessage*>::iterator position;
-        if (spareNode != m_psparedMessages->end()) {
-            // The spare's list node moves into the queue with it.
-            m_preceiveQueue->splice(at, *m_psparedMessages, spareNode);
-            position = spareNode;
-        } else {
-            position = m_preceiveQueue->insert(at, copy);
-        }
+        // Behind every message of the same or a higher priority; the node
+        // moves into the queue with its message.
+        m_preceiveQueue->splice(m_pqueueIndex->insertPosition(*m_preceiveQueue, priority), *source, node);
+        const std::list<CommsChannelDataContainerMessage*>::iterator position = node;
         m_pqueueIndex->inserted(position, priority);
 
         // Written once on reaching the mark, not again while the queue stays
@@ -149,6 +157,7 @@ int CommsChannel::enqueue(CommsChannelDataContainerMessage* owned, const CommsCh
         target->give();
     }
     m_pqueueMutex->give();
+    deleteAll(discarded);
     return 1;
 }
 
@@ -211,32 +220,34 @@ Semaphore* CommsChannel::requestWaiter(long requestId)
 }
 
 void CommsChannel::takeOut(std::list<CommsChannelDataContainerMessage*>::iterator position,
-                           CommsChannelDataContainerMessage& out)
+                           CommsChannelDataContainerMessage& out,
+                           std::list<CommsChannelDataContainerMessage*>& discarded)
 {
     CommsChannelDataContainerMessage* message = *position;
     m_pqueueIndex->erasing(*m_preceiveQueue, position);
     // The queued message is not needed any more, so its contents move into
     // the caller's message instead of being copied.
     out = std::move(*message);
-    recycle(position);
+    recycle(position, discarded);
 }
 
-void CommsChannel::takeDataOut(std::list<CommsChannelDataContainerMessage*>::iterator position, std::string& data)
+void CommsChannel::takeDataOut(std::list<CommsChannelDataContainerMessage*>::iterator position, std::string& data,
+                               std::list<CommsChannelDataContainerMessage*>& discarded)
 {
     m_pqueueIndex->erasing(*m_preceiveQueue, position);
     // Its names stay: the next copy into this message overwrites them in
     // place, without allocating.
     (*position)->takeData(data);
-    recycle(position);
+    recycle(position, discarded);
 }
 
-void CommsChannel::recycle(std::list<CommsChannelDataContainerMessage*>::iterator position)
+void CommsChannel::recycle(std::list<CommsChannelDataContainerMessage*>::iterator position,
+                           std::list<CommsChannelDataContainerMessage*>& discarded)
 {
     if (m_psparedMessages->size() < MAX_SPARED_MESSAGES) {
         m_psparedMessages->splice(m_psparedMessages->begin(), *m_preceiveQueue, position);
     } else {
-        delete *position;
-        m_preceiveQueue->erase(position);
+        discarded.splice(discarded.end(), *m_preceiveQueue, position);
     }
 }
 
@@ -263,12 +274,14 @@ int CommsChannel::takeFront(int timeout, CommsChannelDataContainerMessage* out, 
         m_pqueueMutex->give();
         return 0;
     }
+    std::list<CommsChannelDataContainerMessage*> discarded;
     if (out != nullptr) {
-        takeOut(m_preceiveQueue->begin(), *out);
+        takeOut(m_preceiveQueue->begin(), *out, discarded);
     } else {
-        takeDataOut(m_preceiveQueue->begin(), *data);
+        takeDataOut(m_preceiveQueue->begin(), *data, discarded);
     }
     m_pqueueMutex->give();
+    deleteAll(discarded);
     return 1;
 }
 
@@ -290,8 +303,10 @@ int CommsChannel::waitForRequestId(CommsChannelDataContainerMessage& out, long r
             ++match;
         }
         if (match != m_preceiveQueue->end()) {
-            takeOut(match, out);
+            std::list<CommsChannelDataContainerMessage*> discarded;
+            takeOut(match, out, discarded);
             m_pqueueMutex->give();
+            deleteAll(discarded);
             break;
         }
         m_pqueueMutex->give();

@@ -145,17 +145,22 @@ private:
     Semaphore* requestWaiter(long requestId);
 
     // Unlinks the element at position and moves its message into out.
+    // The emptied message goes to recycle().
     // REQUIRES: m_pqueueMutex is held.
     void takeOut(std::list<CommsChannelDataContainerMessage*>::iterator position,
-                 CommsChannelDataContainerMessage& out);
+                 CommsChannelDataContainerMessage& out, std::list<CommsChannelDataContainerMessage*>& discarded);
     // Unlinks the element at position and moves only its data into data;
     // data's old buffer stays with the emptied message for the next copy.
+    // The emptied message goes to recycle().
     // REQUIRES: m_pqueueMutex is held.
-    void takeDataOut(std::list<CommsChannelDataContainerMessage*>::iterator position, std::string& data);
+    void takeDataOut(std::list<CommsChannelDataContainerMessage*>::iterator position, std::string& data,
+                     std::list<CommsChannelDataContainerMessage*>& discarded);
     // Keeps the emptied message at position (unlinked from the index) with
-    // its list node for the next copy, or deletes it when enough are kept.
+    // its list node for the next copy or, when enough are kept, moves it to
+    // discarded, for the caller to delete once it has let go of the lock.
     // REQUIRES: m_pqueueMutex is held.
-    void recycle(std::list<CommsChannelDataContainerMessage*>::iterator position);
+    void recycle(std::list<CommsChannelDataContainerMessage*>::iterator position,
+                 std::list<CommsChannelDataContainerMessage*>& discarded);
     // The front message taken as getMsgFromQ takes it, into *out, or only
     // its data into *data (exactly one of the two is given).
     int takeFront(int timeout, CommsChannelDataContainerMessage* out, std::string* data);

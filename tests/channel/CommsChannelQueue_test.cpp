@@ -11,6 +11,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <limits>
 #include <thread>
 #include <string>
@@ -341,6 +342,29 @@ TEST_F(CommsChannelInterceptorTest, DroppedMessageIsNotQueuedButAddReturnsOneAnd
     EXPECT_EQ(std::vector<std::string>{"drop me"}, interceptor.seenData());
 }
 
+// A message that records its own destruction.
+class TrackedMessage : public CommsChannelDataContainerMessage {
+public:
+    explicit TrackedMessage(bool* destroyed) : m_destroyed(destroyed)
+    {
+        setData("drop me", 7);
+    }
+    ~TrackedMessage() override { *m_destroyed = true; }
+
+private:
+    bool* m_destroyed;
+};
+
+TEST_F(CommsChannelInterceptorTest, DroppedAdoptedMessageIsDeletedNotQueuedAndStillGivesItsToken)
+{
+    bool destroyed = false;
+    EXPECT_EQ(1, sut.queueMessage(new TrackedMessage(&destroyed)));
+    EXPECT_TRUE(destroyed);
+    EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
+}
+
 TEST_F(CommsChannelInterceptorTest, DroppedMessageWakesABlockedReceiverWhichReturnsZero)
 {
     CommsChannelDataContainerMessage out;
@@ -571,6 +595,59 @@ TEST_F(CommsChannelQueueTest, TenThousandMessagesOfMixedTypesComeOutByPriorityTh
     }
     EXPECT_EQ(expected, received);
     EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
+}
+
+TEST_F(CommsChannelQueueTest, ProducersFarAheadOfTheConsumerKeepEachOnesPriorityThenArrivalOrder)
+{
+    // Three producers run thousands of messages ahead of the consumer, so
+    // the queue's kept messages run out and most copies are new ones, made
+    // while the queue is free for the others. Each message arrives once,
+    // and one producer's messages of one priority arrive in the order sent.
+    const int producers = 3;
+    const int perProducer = 4000;
+    const int total = producers * perProducer;
+    std::atomic<int> added{0};
+    std::vector<std::thread> threads;
+    for (int p = 0; p < producers; ++p) {
+        threads.emplace_back([this, p, &added] {
+            unsigned int state = 7u + static_cast<unsigned int>(p);
+            for (int i = 0; i < perProducer; ++i) {
+                state = state * 1103515245u + 12345u;
+                // Types 0, 1 and 2: priorities 1, 0 and 2.
+                const int type = static_cast<int>((state >> 16) % 3);
+                CommsChannelDataContainerMessage queued =
+                    channeltest::message(std::to_string(p) + ":" + std::to_string(i), type);
+                sut.addToMsgQ(queued);
+                ++added;
+            }
+        });
+    }
+    ASSERT_TRUE(cctest::waitUntil([&] { return added.load() >= total / 4; }, 60000));
+    // last[p][priority]: the index of producer p's last message of that
+    // priority received so far.
+    std::vector<std::vector<int>> last(producers, std::vector<int>(3, -1));
+    std::vector<int> receivedOf(producers, 0);
+    for (int n = 0; n < total; ++n) {
+        CommsChannelDataContainerMessage out;
+        ASSERT_EQ(1, CommsChannelInspector::getMsgFromQ(sut, out, 60000)) << "after " << n << " messages";
+        const std::string data = out.getData();
+        const std::size_t colon = data.find(':');
+        ASSERT_NE(std::string::npos, colon) << data;
+        const int p = std::stoi(data.substr(0, colon));
+        const int i = std::stoi(data.substr(colon + 1));
+        const int priority = out.priority();
+        ASSERT_TRUE(p >= 0 && p < producers && priority >= 0 && priority < 3) << data;
+        EXPECT_LT(last[p][priority], i) << data << " came after " << last[p][priority];
+        last[p][priority] = i;
+        ++receivedOf[p];
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(std::vector<int>(producers, perProducer), receivedOf);
+    EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
 }
 
 TEST_F(CommsChannelQueueTest, OrderHoldsWhileMessagesAreTakenFromTheFrontAndTheMiddle)
