@@ -95,6 +95,15 @@ void giveWithPauses(Semaphore& semaphore, int gives, int pauseEvery, std::chrono
     }
 }
 
+// Waits on the empty semaphore until it has learnt not to spin, so that
+// every later wait sleeps at once.
+void stopSpinning(Semaphore& semaphore)
+{
+    while (semaphore.spinsBeforeSleeping()) {
+        ASSERT_EQ(0, semaphore.take(1));
+    }
+}
+
 class SemaphoreTest : public testing::Test {
 protected:
     pftest::Watchdog watchdog{60000};
@@ -463,9 +472,7 @@ TEST_F(SemaphoreTest, SpinningResumesOnceCountsComeWhileTheTakerWouldSpin)
         GTEST_SKIP() << "a single processor never spins";
     }
     Semaphore sut(0, 1, false);
-    while (sut.spinsBeforeSleeping()) {
-        ASSERT_EQ(0, sut.take(1));
-    }
+    ASSERT_NO_FATAL_FAILURE(stopSpinning(sut));
     // A giver that answers every take at once, from another processor: the
     // occasional probing spin finds the count, and spinning pays again.
     std::atomic<int> wanted{0};
@@ -495,9 +502,7 @@ TEST_F(SemaphoreTest, SemaphoreThatStoppedSpinningStillWakesEveryTaker)
 {
     // With spinning off, every wait sleeps: nothing may be lost there.
     Semaphore sut(0, -1, false);
-    while (sut.spinsBeforeSleeping()) {
-        ASSERT_EQ(0, sut.take(1));
-    }
+    ASSERT_NO_FATAL_FAILURE(stopSpinning(sut));
     const int rounds = 500;
     std::atomic<int> taken{0};
     std::thread taker([&]() {
@@ -520,9 +525,7 @@ TEST_F(SemaphoreTest, GivesArrivingWhileSleepersWakeReachEverySleeper)
     // first gives of a burst wake the sleepers, the rest find them already
     // woken. Every count is taken once and nobody sleeps through one.
     Semaphore sut(0, -1, false);
-    while (sut.spinsBeforeSleeping()) {
-        ASSERT_EQ(0, sut.take(1));
-    }
+    ASSERT_NO_FATAL_FAILURE(stopSpinning(sut));
     const int gives = 3000;
     std::atomic<int> taken{0};
     std::atomic<bool> stop{false};
