@@ -31,6 +31,11 @@ endif()
 
 function(commschannel_apply_options target)
     target_compile_options(${target} PRIVATE -Wall -Wextra)
+    # Nothing replaces the libraries' own functions at load time, so calls
+    # inside one library may be bound, and inlined, when it is built.
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+    endif()
     if(COMMSCHANNEL_WERROR)
         target_compile_options(${target} PRIVATE -Werror)
     endif()
