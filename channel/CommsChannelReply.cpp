@@ -18,7 +18,7 @@ int CommsChannel::receiveReply(CommsChannelDataContainerMessage& reply, long req
     // the process have a locator to ask; it lives as long as this channel.
     const bool named = m_channelName.compare("") != 0;
     const std::function<void()> replierStillThere = [named, &replier, requestId]() {
-        if (named && !CommsChannelLocator::instance()->knowsName(replier)) {
+        if (named && !CommsChannelLocator::instanceKnowsName(replier)) {
             throw CommsPeerGoneException(replier, requestId);
         }
     };

@@ -116,7 +116,7 @@ int CommsChannel::send(CommsChannelDataContainerMessage& message)
     // resolver) neither deletes it under us nor waits for us while it holds
     // a lock. The share is given back even if an interceptor throws.
     DispatcherShare* share = nullptr;
-    CommsChannelDispatcher* dispatcher = CommsChannelLocator::instance()->acquireDispatcher(message.channel(), &share);
+    CommsChannelDispatcher* dispatcher = CommsChannelLocator::acquireFromInstance(message.channel(), &share);
     if (dispatcher == nullptr) {
         return 0;
     }

@@ -66,7 +66,8 @@ public:
     // the locator shuts down. Blocks up to INITIAL_UPDATE_TIMEOUT ms on a
     // process's first resolution if the resolver has not answered yet; the
     // first update releases one such waiter only (deliberately not passed
-    // on), so concurrent first resolutions should be avoided. The dispatcher
+    // on), so concurrent first resolutions should be avoided; the locator's
+    // destruction lets every one of them go, with null. The dispatcher
     // stays owned by its entry: a removal of the name that runs meanwhile
     // may delete it as soon as this returns. The channel's own sends do not
     // go through here; they share the dispatcher until they are done.
@@ -102,6 +103,23 @@ private:
     friend class CommsChannel;                  // registers, unregisters and sends through the members below
 
     struct PortWaiter;
+
+    // The channel's send path and its replier check: the current locator
+    // (created if there is none) is pinned from the moment it is found until
+    // the call returns, so the removal of the process's last channel on
+    // another thread cannot free it meanwhile; that removal waits for the
+    // pin (see enterUse).
+    static CommsChannelDispatcher* acquireFromInstance(const std::string& channelName, DispatcherShare** share);
+    static bool instanceKnowsName(const std::string& channelName);
+    // The current locator, created if there is none, with one more open use;
+    // leaveUse() closes it.
+    static CommsChannelLocator* enterUse();
+    static void leaveUse();
+    // Destructor only: returns once no use that found this locator is still
+    // inside it. REQUIRES: this locator has just stopped being theInstance,
+    // and the instance lock is held, so no other locator is in use.
+    static void waitUntilUnused();
+    class UseScope;  // one use, closed on every way out
 
     // Registration and removal for the channel object: the current locator
     // is found (or created) and used under the instance lock, so that the

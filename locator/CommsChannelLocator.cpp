@@ -26,6 +26,31 @@
 
 CommsChannelLocator* CommsChannelLocator::theInstance = nullptr;
 
+namespace {
+
+// Uses of the current locator under way (see enterUse). A use is counted
+// before it reads theInstance, so a locator that has cleared theInstance and
+// then sees no use open knows that none is inside it any more.
+std::atomic<int> openUses{0};
+
+// How often an ending locator looks whether its last use has left (us).
+const int USE_POLL_US = 50;
+
+}  // namespace
+
+// Closes a use even if the call made under it throws.
+class CommsChannelLocator::UseScope {
+public:
+    UseScope() : m_locator(CommsChannelLocator::enterUse()) {}
+    ~UseScope() { CommsChannelLocator::leaveUse(); }
+    UseScope(const UseScope&) = delete;
+    UseScope& operator=(const UseScope&) = delete;
+    CommsChannelLocator* operator->() const { return m_locator; }
+
+private:
+    CommsChannelLocator* const m_locator;
+};
+
 LocatorLink::LocatorLink(CommsChannelLocator* owner, int socketFd, unsigned long instanceSerial)
     : locator(owner), socket(socketFd), serial(instanceSerial), threadId(0),
       m_stateLock(Semaphore::AVAILABLE, 1, false), m_stopRequested(false), m_applying(false),
@@ -192,6 +217,47 @@ CommsChannelLocator* CommsChannelLocator::instance()
     return current;
 }
 
+CommsChannelLocator* CommsChannelLocator::enterUse()
+{
+    for (;;) {
+        openUses.fetch_add(1, std::memory_order_seq_cst);
+        CommsChannelLocator* current = __atomic_load_n(&theInstance, __ATOMIC_SEQ_CST);
+        if (current != nullptr) {
+            return current;
+        }
+        openUses.fetch_sub(1, std::memory_order_seq_cst);
+        // None: make one, or wait for a removal under way to finish. It is
+        // found again the same way, as it may be gone again by then.
+        instance();
+    }
+}
+
+void CommsChannelLocator::leaveUse() { openUses.fetch_sub(1, std::memory_order_release); }
+
+void CommsChannelLocator::waitUntilUnused()
+{
+    // Uses that come now find no locator and wait for the instance lock
+    // without being counted. The ones counted found this locator in time;
+    // whatever they might wait for inside it (a port answer, the first
+    // update) has been released by now, so they leave within moments.
+    while (openUses.load(std::memory_order_seq_cst) != 0) {
+        usleep(USE_POLL_US);
+    }
+}
+
+CommsChannelDispatcher* CommsChannelLocator::acquireFromInstance(const std::string& channelName,
+                                                                 DispatcherShare** share)
+{
+    UseScope locator;
+    return locator->acquireDispatcher(channelName, share);
+}
+
+bool CommsChannelLocator::instanceKnowsName(const std::string& channelName)
+{
+    UseScope locator;
+    return locator->knowsName(channelName);
+}
+
 CommsChannelLocator* CommsChannelLocator::currentOrNew()
 {
     // A new locator starts with a link of its own, stop flag clear; nothing
@@ -305,17 +371,25 @@ CommsChannelLocator::~CommsChannelLocator()
     m_prequestMap = nullptr;
     m_prequestLock->give();
     m_pmapLock->give();
+    // A first resolution still waiting for the resolver's first update is
+    // let go too; it passes the wake-up on to the next one (see resolve).
+    m_pinitialUpdateSem->give();
+
+    // Only this instance is cleared: should another one already stand in
+    // theInstance, it is not ours to touch. From then on no send finds this
+    // locator, and the ones that found it before leave it before anything
+    // of it is freed.
+    CommsChannelLocator* self = this;
+    if (__atomic_compare_exchange_n(&theInstance, &self, static_cast<CommsChannelLocator*>(nullptr), false,
+                                    __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
+        waitUntilUnused();
+    }
 
     shutdownReceiver();
 
     delete m_pmapLock;
     delete m_pinitialUpdateSem;
     delete m_prequestLock;
-    // Only this instance is cleared: should another one already stand in
-    // theInstance, it is not ours to touch.
-    CommsChannelLocator* self = this;
-    __atomic_compare_exchange_n(&theInstance, &self, static_cast<CommsChannelLocator*>(nullptr), false,
-                                __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
     Threader threader;
     threader.waitForThreadCompletion(m_plink->threadId);
     ThreadObserver observer = threadJoinedObserver.load();

@@ -149,6 +149,13 @@ int CommsChannelLocator::requestPort(const std::string& channelName, bool* cance
 {
     PortWaiter waiter;
     m_prequestLock->take(-1);
+    if (m_prequestMap == nullptr) {
+        // The destruction under way has already released every waiter; this
+        // request fares as they did.
+        m_prequestLock->give();
+        *cancelled = true;
+        return 1;
+    }
     ++m_requestId;
     m_prequestMap->insert(std::make_pair(static_cast<int>(m_requestId), &waiter));
     CommsChannelPortRequestMessage request;
@@ -233,6 +240,12 @@ CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelN
         // The resolver answers a new locator with an update at once; without
         // a resolver this bounds the wait. The count is not given back.
         m_pinitialUpdateSem->take(INITIAL_UPDATE_TIMEOUT);
+        if (m_plink->stopRequested()) {
+            // The destruction let this wait go; the next such waiter, if
+            // any, goes the same way.
+            m_pinitialUpdateSem->give();
+            return nullptr;
+        }
     }
     // The dispatcher is read under the map lock: once the lock is given, a
     // removal may let go of the entry's share. A caller that asked for a
@@ -249,6 +262,11 @@ CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelN
         return entry->dispatcher();
     };
     m_pmapLock->take(-1);
+    if (m_plocalMap == nullptr) {
+        // Emptied by the destruction under way.
+        m_pmapLock->give();
+        return nullptr;
+    }
     CommsChannelLocatorEntry* entry = find(m_plocalMap, channelName);
     if (entry == nullptr) {
         entry = find(m_premoteMap, channelName);
@@ -269,6 +287,10 @@ CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelN
                 return nullptr;
             }
             m_pmapLock->take(-1);
+            if (m_premoteMap == nullptr) {
+                m_pmapLock->give();
+                return nullptr;
+            }
             dispatcher = dispatcherOf(find(m_premoteMap, channelName));
             m_pmapLock->give();
         }
@@ -279,7 +301,9 @@ CommsChannelDispatcher* CommsChannelLocator::resolve(const std::string& channelN
 bool CommsChannelLocator::knowsName(const std::string& channelName)
 {
     m_pmapLock->take(-1);
-    const bool known = find(m_plocalMap, channelName) != nullptr || find(m_premoteMap, channelName) != nullptr;
+    // The maps are gone once a destruction has emptied them.
+    const bool known = m_plocalMap != nullptr &&
+                       (find(m_plocalMap, channelName) != nullptr || find(m_premoteMap, channelName) != nullptr);
     m_pmapLock->give();
     return known;
 }

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -327,6 +328,96 @@ TEST_F(CommsChannelLifetimeTest, SendsToNamesThatAnotherProcessRemovesAndRegiste
     EXPECT_TRUE(stepped);
     EXPECT_EQ(cctest::CHILD_OK, child.wait(20000));
     EXPECT_GT(sends.load(), 0);
+}
+
+TEST_F(CommsChannelLifetimeTest, SendsFromAnUnregisteredTwinWhileItsNamesakeComesAndGoesOutliveEachLocator)
+{
+    const int CYCLES = 1500;
+    cctest::FakeResolver fakeResolver;
+    ASSERT_TRUE(fakeResolver.ok());
+    // Keeps the receiver in place, so that only the locator comes and goes.
+    CommsChannel unnamed("");
+    QuietStdout quiet;
+    // The first channel of a name is registered; a second one of the same
+    // name is not, yet it sends. Each time the registered one goes, the
+    // process has no registered channel left and its locator ends, while
+    // the twin's thread may be inside that very locator resolving a name.
+    std::unique_ptr<CommsChannel> namesake(new CommsChannel("twin"));
+    CommsChannel twin("twin");
+    ASSERT_TRUE(firstUpdateArrived());
+    std::atomic<bool> stop{false};
+    std::atomic<long> queued{0};
+    std::atomic<long> refused{0};
+    std::thread sender([&] {
+        while (!stop) {
+            // Queued into the namesake while it is registered; refused while
+            // the name is unknown (the fake resolver answers 0).
+            if (twin.sendMsg("twin", "to my namesake") == 1) {
+                ++queued;
+            } else {
+                ++refused;
+            }
+        }
+    });
+    int cycles = 0;
+    for (; cycles < CYCLES; ++cycles) {
+        namesake.reset();
+        namesake.reset(new CommsChannel("twin"));
+    }
+    // Both outcomes must have occurred, or the sends never met the churn.
+    const bool bothSeen =
+        cctest::waitUntil([&] { return queued.load() > 0 && refused.load() > 0; }, TEST_DEADLINE_MS);
+    stop = true;
+    sender.join();
+    namesake.reset();
+
+    EXPECT_EQ(CYCLES, cycles);
+    EXPECT_TRUE(bothSeen) << queued.load() << " queued, " << refused.load() << " refused";
+    EXPECT_EQ(nullptr, LocatorProbe::current());
+}
+
+TEST_F(CommsChannelLifetimeTest, FirstResolutionsWaitingForTheResolverAreLetGoWhenTheLocatorEnds)
+{
+    const int WAITERS = 2;
+    // Never answers a locator's registration, so every first resolution
+    // waits for an update that does not come.
+    cctest::FakeResolver fakeResolver(false, true);
+    ASSERT_TRUE(fakeResolver.ok());
+    CommsChannel unnamed("");
+    QuietStdout quiet;
+    std::unique_ptr<CommsChannel> namesake(new CommsChannel("twin"));
+    std::vector<std::unique_ptr<CommsChannel>> twins;
+    for (int w = 0; w < WAITERS; ++w) {
+        twins.emplace_back(new CommsChannel("twin"));
+    }
+    std::atomic<int> returned{0};
+    std::atomic<int> refused{0};
+    std::vector<std::thread> senders;
+    for (int w = 0; w < WAITERS; ++w) {
+        senders.emplace_back([&, w] {
+            if (twins[static_cast<std::size_t>(w)]->sendMsg("elsewhere", "waits for the first update") == 0) {
+                ++refused;
+            }
+            ++returned;
+        });
+    }
+    // Time for both to reach the wait; one that comes later finds the
+    // locator ending and is refused all the same.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(0, returned.load());
+
+    // The last registered channel goes, and with it the locator: the waits
+    // end with it instead of running out their time-out.
+    namesake.reset();
+    if (!cctest::waitUntil([&] { return returned.load() == WAITERS; }, 20000)) {
+        failLoudly(std::to_string(returned.load()) + " of " + std::to_string(WAITERS) +
+                   " sends returned after the locator ended");
+    }
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+    EXPECT_EQ(WAITERS, refused.load());
+    EXPECT_EQ(nullptr, LocatorProbe::current());
 }
 
 TEST_F(CommsChannelLifetimeTest, LocatorComesAndGoesWithTheLastChannelAndEachThreadIsJoinedOnce)
