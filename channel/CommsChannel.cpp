@@ -2,11 +2,9 @@
 // attachment to the process's locator and receiver.
 #include "CommsChannel.h"
 
+#include "ChannelInbox.h"
 #include "CommsChannelDataContainerMessage.h"
-#include "CommsChannelLocator.h"
-#include "CommsChannelReceiver.h"
-#include "ReceiveQueueIndex.h"
-#include "Semaphore.h"
+#include "ProcessRuntime.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -21,45 +19,22 @@ namespace {
 // Both socket buffers are asked for at this size (Linux reports twice it).
 const int SOCKET_BUFFER_SIZE = 65535;
 
-// Queue priority of each message type, indexed by msgType(). The mix (types
-// 1 and 4 lowest, 2, 5 and 6 highest) is the system's fixed table.
-const VireoThreadPriority MSG_TYPE_PRIORITIES[] = {
-    VIREO_PRIORITY_NORMAL,  // 0
-    VIREO_PRIORITY_LOW,     // 1
-    VIREO_PRIORITY_HIGH,    // 2
-    VIREO_PRIORITY_NORMAL,  // 3
-    VIREO_PRIORITY_LOW,     // 4
-    VIREO_PRIORITY_HIGH,    // 5
-    VIREO_PRIORITY_HIGH,    // 6
-};
-
 }  // namespace
 
 CommsChannel::CommsChannel(const std::string& name)
-    : m_channelName(name), m_socketHandle(0), m_port(0), m_shutdown(false), m_pinterceptor(nullptr)
+    : m_channelName(name), m_socketHandle(0), m_port(0), m_pinbox(std::make_shared<ChannelInbox>(nullptr))
 {
     construct();
 }
 
 CommsChannel::CommsChannel(const std::string& name, CCInterceptorDispatcher* interceptor)
-    : m_channelName(name), m_socketHandle(0), m_port(0), m_shutdown(false), m_pinterceptor(interceptor)
+    : m_channelName(name), m_socketHandle(0), m_port(0), m_pinbox(std::make_shared<ChannelInbox>(interceptor))
 {
     construct();
 }
 
 void CommsChannel::construct()
 {
-    m_pqueueSemaphore = new Semaphore(0, -1, false);
-    m_pqueueMutex = new Semaphore(1, 1, false);
-    m_preceiveQueue = new std::list<CommsChannelDataContainerMessage*>();
-    m_pqueueIndex = new ReceiveQueueIndex();
-    m_psparedMessages = new std::list<CommsChannelDataContainerMessage*>();
-    m_prequestIdSemaphores = new std::map<int, Semaphore*>();
-    m_prequestIdSemaphores->insert(std::make_pair(0, static_cast<Semaphore*>(nullptr)));
-    m_prequestWaiters = new std::map<long, Semaphore*>();
-    m_msgTypePriorities.assign(MSG_TYPE_PRIORITIES,
-                               MSG_TYPE_PRIORITIES + sizeof MSG_TYPE_PRIORITIES / sizeof MSG_TYPE_PRIORITIES[0]);
-
     // A channel whose socket could not be made is still built, registered
     // and installed: callers learn of the failure only from perror.
     createSocket();
@@ -103,28 +78,15 @@ int CommsChannel::createSocket()
 
 CommsChannel::~CommsChannel()
 {
-    m_shutdown = true;
-    m_pqueueSemaphore->give();
+    m_pinbox->shutdown();
     uninstallReceiveChannel();
     unregisterChannel();
     close(m_socketHandle);
-
-    // The receiver thread and the locator no longer know this channel, so
-    // the queue is ours alone.
-    while (!m_preceiveQueue->empty()) {
-        delete m_preceiveQueue->front();
-        m_preceiveQueue->pop_front();
-    }
-    delete m_pqueueSemaphore;
-    delete m_pqueueMutex;
-    delete m_preceiveQueue;
-    delete m_pqueueIndex;
-    for (CommsChannelDataContainerMessage* spare : *m_psparedMessages) {
-        delete spare;
-    }
-    delete m_psparedMessages;
-    delete m_prequestIdSemaphores;
-    delete m_prequestWaiters;
+    // A send of this process that found the channel before it went may still
+    // be delivering; from now on its message is dropped, and the interceptor
+    // is never called again. The queued messages go with the last holder of
+    // the inbox (normally this channel, now).
+    m_pinbox->close();
 }
 
 std::string& CommsChannel::channelName() { return m_channelName; }
@@ -133,20 +95,16 @@ int CommsChannel::port() { return m_port; }
 
 int CommsChannel::socketHandle() const { return m_socketHandle; }
 
-void CommsChannel::shutdown()
-{
-    m_shutdown = true;
-    m_pqueueSemaphore->give();
-}
+void CommsChannel::shutdown() { m_pinbox->shutdown(); }
+
+int CommsChannel::addToMsgQ(CommsChannelDataContainerMessage& message) { return m_pinbox->deliver(message); }
 
 int CommsChannel::registerChannel()
 {
     if (m_channelName.compare("") == 0) {
         return 0;
     }
-    // Found and used under the locator's instance lock: the last channel of
-    // another thread cannot delete the locator in between.
-    return CommsChannelLocator::registerWithInstance(this);
+    return ProcessRuntime::process().registerChannel(this);
 }
 
 int CommsChannel::unregisterChannel()
@@ -154,11 +112,9 @@ int CommsChannel::unregisterChannel()
     if (m_channelName.compare("") == 0) {
         return 0;
     }
-    // Returns once no send in this process is queuing into this channel
-    // through its former entry, so the queue can then be dismantled.
-    return CommsChannelLocator::unregisterFromInstance(this);
+    return ProcessRuntime::process().unregisterChannel(this);
 }
 
-void CommsChannel::installReceiveChannel() { CommsChannelReceiver::instance()->addReceiveChannel(this); }
+void CommsChannel::installReceiveChannel() { ProcessRuntime::process().installChannel(this); }
 
-void CommsChannel::uninstallReceiveChannel() { CommsChannelReceiver::instance()->removeReceiveChannel(this); }
+void CommsChannel::uninstallReceiveChannel() { ProcessRuntime::process().uninstallChannel(this); }

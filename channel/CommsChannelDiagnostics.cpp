@@ -1,5 +1,7 @@
 // The diagnostics dump of a channel and its queued messages.
 #include "CommsChannel.h"
+
+#include "ChannelInbox.h"
 #include "CommsChannelDataContainerMessage.h"
 
 #include <unistd.h>
@@ -25,9 +27,10 @@ void CommsChannel::info(CommsChannel* channel)
         file << "Channel                      =" << channel->channelName() << std::endl;
         file << "Port                         =" << channel->port() << std::endl;
         file << "Socket Handle                =" << channel->socketHandle() << std::endl;
-        for (CommsChannelDataContainerMessage* message : *channel->m_preceiveQueue) {
-            displayInfo(channel, message, file);
-        }
+        // Read under the queue's lock: a message being received meanwhile
+        // is either shown whole or not at all.
+        channel->inbox().forEach(
+            [channel, &file](CommsChannelDataContainerMessage& message) { displayInfo(channel, &message, file); });
         file << CHANNEL_SEPARATOR;
     }
     file.close();

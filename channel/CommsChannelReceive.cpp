@@ -1,9 +1,9 @@
 // The receive operations that applications call. A channel whose socket
 // descriptor is 0 has no socket: every receive refuses at once.
 #include "CommsChannel.h"
+
+#include "ChannelInbox.h"
 #include "CommsChannelDataContainerMessage.h"
-#include "CommsException.h"
-#include "Semaphore.h"
 
 #include <algorithm>
 #include <cstring>
@@ -13,7 +13,7 @@ int CommsChannel::receiveMsg(CommsChannelDataContainerMessage& message)
     if (m_socketHandle == 0) {
         return 0;
     }
-    return getMsgFromQ(message, -1);
+    return m_pinbox->takeFront(-1, &message, nullptr);
 }
 
 int CommsChannel::receiveMsg(CommsChannelDataContainerMessage& message, long requestId)
@@ -27,7 +27,7 @@ int CommsChannel::receiveMsg(char* buffer, int* length)
         return 0;
     }
     CommsChannelDataContainerMessage local;
-    if (getMsgFromQ(local, -1) != 1) {
+    if (m_pinbox->takeFront(-1, &local, nullptr) != 1) {
         return 0;
     }
     int dataLength = 0;
@@ -45,40 +45,27 @@ int CommsChannel::receiveMsg(std::string& data)
     if (m_socketHandle == 0) {
         return 0;
     }
-    // The same as taking the message and assigning its getData(), without
-    // copying the bytes or building a message.
-    return getDataFromQ(data, -1);
+    // The same as taking the message and assigning its getData(), except
+    // that the bytes move: data's old buffer stays with the queue.
+    return m_pinbox->takeFront(-1, nullptr, &data);
 }
 
-int CommsChannel::receiveMsg_ByID_Timed(CommsChannelDataContainerMessage& message, long requestId,
-                                        int timeout)
+int CommsChannel::receiveMsg_ByID_Timed(CommsChannelDataContainerMessage& message, long requestId, int timeout)
+{
+    return receiveById(message, requestId, timeout, nullptr);
+}
+
+int CommsChannel::receiveById(CommsChannelDataContainerMessage& message, long requestId, int timeout,
+                              const std::function<void()>* check)
 {
     if (m_socketHandle == 0) {
         return 0;
     }
     if (requestId == 0) {
-        return getMsgFromQ(message, timeout);
+        // Request id 0 stands for any message, taken from the front.
+        return m_pinbox->takeFront(timeout, &message, nullptr, check);
     }
-    Semaphore idSemaphore(0, 1, false);
-    // One id has one waiter: a second registration of the same id is not
-    // entered, and that caller's semaphore is then never given.
-    m_pqueueMutex->take(-1);
-    registerRequestWaiter(requestId, &idSemaphore);
-    m_pqueueMutex->give();
-
-    int result = 0;
-    try {
-        result = getMsgFromQ_ByID(message, requestId, &idSemaphore, timeout);
-    } catch (CommsException&) {
-        m_pqueueMutex->take(-1);
-        unregisterRequestWaiter(requestId);
-        m_pqueueMutex->give();
-        throw;
-    }
-    m_pqueueMutex->take(-1);
-    unregisterRequestWaiter(requestId);
-    m_pqueueMutex->give();
-    return result;
+    return m_pinbox->takeById(message, requestId, timeout, check);
 }
 
-bool CommsChannel::isQEmpty() { return m_preceiveQueue->empty(); }
+bool CommsChannel::isQEmpty() { return m_pinbox->empty(); }

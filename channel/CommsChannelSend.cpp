@@ -6,16 +6,12 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelDispatcher.h"
 #include "CommsChannelLocator.h"
-#include "DispatcherShare.h"
+#include "ProcessRuntime.h"
 
 #include <memory>
 #include <optional>
 
 namespace {
-
-struct ShareRelease {
-    void operator()(DispatcherShare* share) const { share->release(); }
-};
 
 // The message that a data overload of sendMsg builds. Each thread keeps one
 // and reuses it for its next send, so that once its buffers have grown to
@@ -110,17 +106,14 @@ int CommsChannel::sendMsg(const std::string& destination, const std::string& dat
 
 int CommsChannel::send(CommsChannelDataContainerMessage& message)
 {
-    // The send shares the ownership of its dispatcher with the destination's
-    // locator entry until sendMsg has returned: a removal of the destination
-    // meanwhile (a channel of this process going, or a removal relayed by the
-    // resolver) neither deletes it under us nor waits for us while it holds
-    // a lock. The share is given back even if an interceptor throws.
-    DispatcherShare* share = nullptr;
-    CommsChannelDispatcher* dispatcher = CommsChannelLocator::acquireFromInstance(message.channel(), &share);
-    if (dispatcher == nullptr) {
+    // The send holds the locator and a share of its dispatcher until
+    // sendMsg has returned: the process's last named channel going, or the
+    // destination's removal, frees neither under it, and waits for nothing.
+    const std::shared_ptr<CommsChannelLocator> locator = ProcessRuntime::process().locator();
+    const std::shared_ptr<CommsChannelDispatcher> dispatcher = locator->acquireDispatcher(message.channel());
+    if (!dispatcher) {
         return 0;
     }
-    std::unique_ptr<DispatcherShare, ShareRelease> held(share);
     const int sent = dispatcher->sendMsg(this, message);
     if (sent == 1) {
         answer_expectation::noteSend();

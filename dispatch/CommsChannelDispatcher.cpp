@@ -1,6 +1,7 @@
 // The four dispatch strategies.
 #include "CommsChannelDispatcher.h"
 
+#include "ChannelInbox.h"
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 
@@ -13,14 +14,17 @@
 #include <cstring>
 #include <new>
 
-CCIntraProcDispatcher::CCIntraProcDispatcher(CommsChannel* destination) : m_pchannel(destination) {}
+CCIntraProcDispatcher::CCIntraProcDispatcher(CommsChannel* destination)
+    : m_pchannel(destination), m_pinbox(destination != nullptr ? destination->sharedInbox() : nullptr)
+{
+}
 
 int CCIntraProcDispatcher::sendMsg(CommsChannel* /*sender*/, CommsChannelDataContainerMessage& message)
 {
-    if (m_pchannel == nullptr) {
+    if (!m_pinbox) {
         return 0;
     }
-    return m_pchannel->addToMsgQ(message);
+    return m_pinbox->deliver(message);
 }
 
 CCInterProcDispatcher::CCInterProcDispatcher(int port) : m_port(port) {}

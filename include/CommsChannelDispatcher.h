@@ -14,6 +14,9 @@
 #ifndef COMMSCHANNEL_COMMS_CHANNEL_DISPATCHER_H
 #define COMMSCHANNEL_COMMS_CHANNEL_DISPATCHER_H
 
+#include <memory>
+
+class ChannelInbox;
 class CommsChannel;
 class CommsChannelDataContainerMessage;
 class CommsChannelLocatorEntry;
@@ -31,18 +34,21 @@ protected:
 };
 
 // Delivery to a channel of this process: the message is copied straight
-// into the destination's receive queue on the caller's thread.
+// into the destination's inbox on the caller's thread.
 class CCIntraProcDispatcher final : public CommsChannelDispatcher {
 public:
-    // destination is not owned and must outlive the dispatcher.
+    // destination is not owned. The dispatcher shares the ownership of its
+    // inbox, so a send through it after the channel went is dropped rather
+    // than delivered into freed memory.
     explicit CCIntraProcDispatcher(CommsChannel* destination);
-    // 0 when there is no destination; otherwise the queue's answer (1), also
-    // when the destination's interceptor dropped the message.
+    // 0 when there is no destination; otherwise 1, also when the
+    // destination's interceptor dropped the message.
     int sendMsg(CommsChannel* sender, CommsChannelDataContainerMessage& message) override;
     CommsChannel* destination() const { return m_pchannel; }
 
 private:
     CommsChannel* m_pchannel;
+    std::shared_ptr<ChannelInbox> m_pinbox;
 };
 
 // Delivery to a channel of another process on this host: the message is

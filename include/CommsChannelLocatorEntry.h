@@ -10,11 +10,11 @@
 #ifndef COMMSCHANNEL_COMMS_CHANNEL_LOCATOR_ENTRY_H
 #define COMMSCHANNEL_COMMS_CHANNEL_LOCATOR_ENTRY_H
 
+#include <memory>
 #include <string>
 
 class CommsChannel;
 class CommsChannelDispatcher;
-class DispatcherShare;
 
 class CommsChannelLocatorEntry {
 public:
@@ -50,15 +50,17 @@ public:
 private:
     friend class CommsChannelLocator;  // shares the dispatcher with sends
 
-    // The shared ownership of m_pdispatcher; null exactly when it is null.
-    DispatcherShare* dispatcherShare() const { return m_pshare; }
+    // The shared ownership of m_pdispatcher; empty exactly when it is null.
+    const std::shared_ptr<CommsChannelDispatcher>& sharedDispatcher() const { return m_pshared; }
 
     std::string m_channelName;
     int m_port;
     CommsChannel* m_pchannelHandle;
     std::string m_ipAddress;
     CommsChannelDispatcher* m_pdispatcher;
-    DispatcherShare* m_pshare;  // the entry's own share of m_pdispatcher
+    // The entry's share of m_pdispatcher; a send holds another while it
+    // uses the dispatcher, so whichever lets go last deletes it.
+    std::shared_ptr<CommsChannelDispatcher> m_pshared;
 };
 
 #endif

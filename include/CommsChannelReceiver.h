@@ -1,23 +1,25 @@
 // CommsChannelReceiver: the per-process registry of channels and the one
-// thread that reads their sockets. Created by the first channel installed,
-// deleted when the last one leaves; the next channel starts a fresh one.
-// Callers never delete it. Callable from any thread; its list lock is always
-// taken before a channel's queue lock, never after.
+// thread that reads their sockets and fills their inboxes.
 //
-// Each instance keeps what its thread uses in a record of its own (receiver/
-// ReceiverState.h); module-level names in receiver/ point at the current
-// instance. A private loopback "status" socket lets application threads wake
-// the thread whenever the list changes. The thread waits with epoll, so any
-// descriptor number works and idle channels cost nothing per message.
+// The process runtime owns it: instance() returns the current receiver,
+// made (with its thread) on first use. Removing the last channel stops and
+// joins the thread before it returns; the receiver has then ended, and the
+// runtime makes a fresh one the next time one is wanted. Callers never
+// delete it.
+//
+// Thread safety: every operation may be called from any thread. The list
+// lock is held by the thread for a whole pass over the ready channels, so it
+// is always taken before a channel's inbox lock, never after. A private
+// loopback "status" socket lets application threads wake the thread
+// whenever the list changes; the thread waits with epoll, so any descriptor
+// number works and idle channels cost nothing per message.
 #ifndef COMMSCHANNEL_COMMS_CHANNEL_RECEIVER_H
 #define COMMSCHANNEL_COMMS_CHANNEL_RECEIVER_H
-
-#include <cstddef>
 
 class CommsChannel;
 
 namespace receiver_state {
-struct ReceiverRecord;
+struct ReceiverState;
 }
 
 // The 4-byte content of a status-update datagram, in host byte order. The
@@ -29,53 +31,41 @@ enum statusUpdateMsgId {
 
 class CommsChannelReceiver {
 public:
-    // The process's receiver, created (with its thread) on first use.
+    // The process's current receiver, made (with its thread) on first use.
     static CommsChannelReceiver* instance();
 
+    // Makes the status socket and starts the thread.
     CommsChannelReceiver();
-    // Stops and joins the thread. Reached only through removeReceiveChannel.
+    // Stops and joins the thread if it still runs; closes what it owns.
     virtual ~CommsChannelReceiver();
-
-    // Receivers are built in storage that is kept for the next receiver. A
-    // deleted receiver's storage holds a dormant receiver (one that owns
-    // nothing) until then, so that a pointer read from instance() just
-    // before another thread deleted its receiver still reaches a receiver;
-    // add, remove, count and statusUpdate work on the current receiver
-    // whichever they are called on; a dormant receiver's
-    // createStatusUpdateSocketConnection (0) and updateSocketMonitorList do
-    // nothing.
-    static void* operator new(std::size_t size);
-    static void operator delete(void* block) noexcept;
 
     CommsChannelReceiver(const CommsChannelReceiver&) = delete;
     CommsChannelReceiver& operator=(const CommsChannelReceiver&) = delete;
 
     // Adds the channel's socket to the watched set (a channel may be added
-    // twice). Returns whether the wake-up datagram was sent; undefined for a
-    // null channel.
+    // twice). Returns whether the wake-up datagram was sent; 0 for a null
+    // channel or an ended receiver.
     int addReceiveChannel(CommsChannel* channel);
-    // Removes the first entry of the channel. Removing the last channel stops
-    // the thread, waits for it and deletes the receiver before returning; a
-    // channel added meanwhile goes to a fresh receiver.
+    // Removes the first entry of the channel. Removing the last channel
+    // stops and joins the thread before returning: the receiver has ended.
     void removeReceiveChannel(CommsChannel* channel);
     // Entries in the list, duplicates counted.
     int numReceiveChannels();
+    // True once the last channel's removal has stopped the thread.
+    bool hasEnded() const;
 
+    // 1 when the status socket exists (it is made by the constructor).
     int createStatusUpdateSocketConnection();
     // Sends a 4-byte wake-up datagram to the status socket. 1 when sent.
     int statusUpdate(statusUpdateMsgId id);
-    // Rebuilds the descriptor set that the thread watches.
-    // REQUIRES: the list lock is held (except in the constructor).
+    // The watched set follows the list by itself; kept for callers.
     void updateSocketMonitorList();
 
 private:
-    struct Dormant {};
-    explicit CommsChannelReceiver(Dormant);
+    void stopThread();
 
-    static CommsChannelReceiver* theInstance;
-    // This instance's record; owned, freed by the destructor after the join.
-    receiver_state::ReceiverRecord* m_precord;
-    friend class CommsChannelReceiverInspector;  // white-box access for the unit tests
+    // Everything the thread shares with the operations above; owned.
+    receiver_state::ReceiverState* const m_pstate;
 };
 
 #endif

@@ -3,32 +3,26 @@
 #include "CommsChannel.h"
 #include "CommsChannelDispatcher.h"
 #include "DispatcherDeleters.h"
-#include "DispatcherShare.h"
 
 CommsChannelLocatorEntry::CommsChannelLocatorEntry()
-    : m_port(0), m_pchannelHandle(nullptr), m_pdispatcher(nullptr), m_pshare(nullptr)
+    : m_port(0), m_pchannelHandle(nullptr), m_pdispatcher(nullptr)
 {
 }
 
 CommsChannelLocatorEntry::CommsChannelLocatorEntry(const std::string& channelName, int port,
                                                    const std::string& ipAddress)
     : m_channelName(channelName), m_port(port), m_pchannelHandle(nullptr), m_ipAddress(ipAddress),
-      m_pdispatcher(nullptr), m_pshare(nullptr)
+      m_pdispatcher(nullptr)
 {
 }
 
 CommsChannelLocatorEntry::CommsChannelLocatorEntry(CommsChannel* channel)
     : m_channelName(channel->channelName()), m_port(channel->port()), m_pchannelHandle(channel),
-      m_pdispatcher(nullptr), m_pshare(nullptr)
+      m_pdispatcher(nullptr)
 {
 }
 
-CommsChannelLocatorEntry::~CommsChannelLocatorEntry()
-{
-    if (m_pshare != nullptr) {
-        m_pshare->release();
-    }
-}
+CommsChannelLocatorEntry::~CommsChannelLocatorEntry() = default;
 
 const std::string& CommsChannelLocatorEntry::channelName() const { return m_channelName; }
 void CommsChannelLocatorEntry::setChannelName(const std::string& channelName) { m_channelName = channelName; }
@@ -44,11 +38,16 @@ void CommsChannelLocatorEntry::setDispatcher(CommsChannelDispatcher* newDispatch
 {
     if (m_pdispatcher == nullptr) {
         m_pdispatcher = newDispatcher;
-        m_pshare = newDispatcher != nullptr ? new DispatcherShare(newDispatcher) : nullptr;
+        if (newDispatcher != nullptr) {
+            // Deleted through the class it was made as: dispatchers have no
+            // virtual destructor.
+            m_pshared.reset(newDispatcher, [](CommsChannelDispatcher* dispatcher) {
+                dispatcher_deleters::destroy(dispatcher);
+            });
+        }
     } else if (newDispatcher == nullptr) {
         // A send under way keeps the dispatcher until it returns.
-        m_pshare->release();
-        m_pshare = nullptr;
+        m_pshared.reset();
         m_pdispatcher = nullptr;
     } else if (newDispatcher != m_pdispatcher) {
         // The first dispatcher stays; the locator relies on this when a

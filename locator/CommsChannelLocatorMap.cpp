@@ -22,11 +22,11 @@ void dumpEntries(const std::map<std::string, CommsChannelLocatorEntry*>& entries
 
 unsigned int CommsChannelLocator::size()
 {
-    return static_cast<unsigned int>(m_plocalMap->size() + m_premoteMap->size());
+    return static_cast<unsigned int>(m_localMap.size() + m_remoteMap.size());
 }
 
 void CommsChannelLocator::dumpLocatorMap()
 {
-    dumpEntries(*m_plocalMap);
-    dumpEntries(*m_premoteMap);
+    dumpEntries(m_localMap);
+    dumpEntries(m_remoteMap);
 }

@@ -1,26 +1,20 @@
-// Private to receiver/: the module-level state of the receiver, shared by
-// CommsChannelReceiver's operations and the receiver thread.
+// Private to receiver/: what one receiver shares with its own thread.
 //
-// Each receiver instance has a record of its own (ReceiverRecord): its
-// thread's id, its stop flag, its status socket, its readiness set and its
-// channel list. The record is handed to the instance's thread as the thread
-// argument, and the thread touches nothing else of the instance. The
-// module-level names below only point at, or mirror, the current instance,
-// so that a receiver created while an earlier one is still ending (its
-// destructor joining its thread) never shares anything with it.
+// Each CommsChannelReceiver owns one ReceiverState and hands it to its thread
+// as the thread's argument; the thread touches nothing else. A receiver that
+// has ended and the one made after it share nothing.
 //
-// Thread safety: channelListLock guards the channel lists, the fd index,
-// monitorSet and maxSocketPlusOne. It is held by a thread for a whole pass
-// over the ready channels (so before any channel's queue lock) and by add and
-// remove; it is never held while a status update is sent, nor together with
-// instanceLock. The flags and descriptors below are atomics written by one
-// thread and read by another.
+// Thread safety: listLock guards the channel list and the descriptor index;
+// it is held by the thread for a whole pass over the ready channels (so
+// before any channel's inbox lock) and by add and remove, and never while a
+// status update is sent. The atomics are written by one side and read by the
+// other.
 #ifndef COMMSCHANNEL_RECEIVER_STATE_H
 #define COMMSCHANNEL_RECEIVER_STATE_H
 
 #include "CommsChannelReceiver.h"
-
-#include <sys/select.h>
+#include "LoopbackSocket.h"
+#include "Mutex.h"
 
 #include <atomic>
 #include <cstdint>
@@ -28,9 +22,7 @@
 #include <utility>
 #include <vector>
 
-class CommsChannel;
 class CommsChannelMessage;
-class Semaphore;
 
 namespace receiver_state {
 
@@ -39,83 +31,39 @@ namespace receiver_state {
 // there twice, as in the list.
 typedef std::vector<std::pair<std::uint64_t, CommsChannel*> > FdEntries;
 
-// Everything of one receiver instance that its thread uses.
-struct ReceiverRecord {
-    unsigned long threadId = 0;
-    // Set to end this instance's thread; never cleared.
-    std::atomic<bool> stop{false};
-    // This instance's status socket (-1 when it could not be made, or once
-    // a failed read closed it).
-    std::atomic<int> statusSocket{-1};
-    // Its port, in network byte order as getsockname gives it.
-    int statusPort = 0;
-    // The epoll set of this instance: the status socket and every watched
-    // channel socket. Closed by the destructor after the join.
-    int epollFd = -1;
-    // The watched channels in order of addition, duplicates allowed; null
-    // once the instance is being destroyed. Guarded by channelListLock.
-    std::vector<CommsChannel*>* channels = nullptr;
-    // Descriptor to its channels, so that a ready descriptor finds its
-    // channels without a walk over the whole list. Guarded by channelListLock.
-    std::unordered_map<int, FdEntries> byFd;
-    std::uint64_t nextSequence = 0;  // guarded by channelListLock
+struct ReceiverState {
+    Mutex listLock;
+    std::vector<CommsChannel*> channels;       // in order of addition; guarded by listLock
+    std::unordered_map<int, FdEntries> byFd;   // guarded by listLock
+    std::uint64_t nextSequence = 0;            // guarded by listLock
     // Counts changes of the list, so that the thread can tell whether the
     // readiness it saw may be stale (a descriptor number handed to a new
     // channel meanwhile).
     std::atomic<std::uint64_t> generation{0};
-    // Set, under channelListLock, by the removal that left the list empty:
-    // that caller alone deletes the instance, and nothing is added any more.
-    bool ending = false;
-    // Status updates being sent through this instance's socket by threads
-    // that captured it under channelListLock.
-    std::atomic<int> statusSenders{0};
-    // The instance this record belongs to.
-    CommsChannelReceiver* owner = nullptr;
+    // The wake-up socket; closed only after the thread has been joined.
+    LoopbackSocket status;
+    int epollFd = -1;  // the status socket and every watched channel socket
+    unsigned long threadId = 0;
+    std::atomic<bool> stop{false};   // set to end the thread; never cleared
+    bool ended = false;              // the thread has been joined; guarded by listLock
+    // A removal of the channel whose socket the thread is joining an encoding
+    // from asks the thread to give that encoding up, so that the removal is
+    // not held up by a sender that never completes it. -1: none.
+    std::atomic<int> joiningSocket{-1};
+    std::atomic<int> abandonSocket{-1};
 };
 
-// Process-lifetime locks, never destroyed: a thread may touch them at exit.
-Semaphore& instanceLock();
-Semaphore& channelListLock();
-
-// The current instance's record, null when there is none. Changed only
-// under channelListLock, so a holder of the lock may use it.
-extern std::atomic<ReceiverRecord*> currentRecord;
-
-extern std::atomic<int> statusSocket;        // current status socket; 0: none
-// The status socket that the current receiver still has to close, -1 when
-// none. The thread clears statusSocket when it ends but never closes the
-// descriptor: the receiver's destructor closes it after joining the thread,
-// so that no application thread can send through a descriptor that has
-// been closed (or handed to another socket) meanwhile.
-extern std::atomic<int> ownedStatusSocket;
-extern std::vector<CommsChannel*>* receiveChannels;  // the current list; guarded by channelListLock
-extern std::atomic<bool> stopReceiver;       // mirrors the current record's stop flag
-extern fd_set monitorSet;                    // guarded by channelListLock
-extern int maxSocketPlusOne;                 // guarded by channelListLock
-extern std::atomic<int> statusPort;          // network byte order, as getsockname gives it
-extern unsigned long receiverThreadId;       // the current instance's thread
-
-// A removal of the channel whose socket the thread is joining an encoding
-// from (waiting for its further datagrams) asks the thread to abandon that
-// encoding, so that the removal is not blocked forever by a sender that
-// never completes it. -1: none.
-extern std::atomic<int> joiningSocket;
-extern std::atomic<int> abandonSocket;
-
-// Receiver threads started and joined by the destructor since the process
-// began; for diagnostics (each instance's thread is joined exactly once).
-extern std::atomic<unsigned long> threadsStarted;
-extern std::atomic<unsigned long> threadsJoined;
-
-// The thread's entry; the argument is the instance's ReceiverRecord.
-void* runReceiverThread(void* record);
-int monitorChannels();
-bool receiveStatusUpdate(statusUpdateMsgId& id);
+// The thread's entry; the argument is the receiver's ReceiverState.
+void* runReceiverThread(void* state);
+// One cycle of waiting and reading.
+int monitorChannels(ReceiverState& state);
+// Drains one status-update datagram.
+bool receiveStatusUpdate(ReceiverState& state);
+// Reads exactly length bytes from socket, joining datagrams; peek only
+// looks. False (the socket closed) when a read fails.
 bool getSocketData(int socket, char* buffer, unsigned int length, bool peek);
-// getSocketData for a join that already holds received of its length bytes:
-// every further datagram is waited for as the next piece.
-bool readPieces(int socket, char* buffer, unsigned int received, unsigned int length, bool peek);
-bool receiveChannelMessage(int socket, CommsChannelMessage& message);
+// Reads one encoding from socket and decodes it into message.
+bool receiveChannelMessage(ReceiverState& state, int socket, CommsChannelMessage& message);
 
 // The exception text thrown by the thread on a message it cannot read.
 extern const char* const RECEIVE_FAILURE;
