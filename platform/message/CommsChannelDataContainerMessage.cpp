@@ -214,6 +214,10 @@ void CommsChannelDataContainerMessage::encodeBody(wire::Writer& writer)
     writer.putI32(static_cast<std::int32_t>(m_msgType));
     writer.putI32(static_cast<std::int32_t>(m_priority));
     if (hasDataFile()) {
+        // The reference names the writer's uid, which version 1 has no room
+        // for: a build that reads only version 1 then says so instead of
+        // looking for the file in its own user's directory.
+        writer.setVersion(wire::VERSION_SPOOL_OWNER);
         writer.putU8(DATA_IN_FILE);
         writer.putString(m_dataFile);
         writer.putU64(static_cast<std::uint64_t>(m_data.size()));
@@ -240,12 +244,16 @@ bool CommsChannelDataContainerMessage::decodeBody(wire::Reader& reader)
     std::string dataFile;
     std::uint64_t fileLength = 0;
     std::uint32_t fileOwner = 0;
-    if (dataKind == DATA_INLINE) {
+    // Version 2 exists only for a spool reference with its writer's uid.
+    // A version 1 reference comes from a build that spooled only between
+    // processes of one user: its file lies in this user's own directory.
+    const bool ownerNamed = reader.version() == wire::VERSION_SPOOL_OWNER;
+    if (dataKind == DATA_INLINE && !ownerNamed) {
         data = reader.getString();
     } else if (dataKind == DATA_IN_FILE) {
         dataFile = reader.getString();
         fileLength = reader.getU64();
-        fileOwner = reader.getU32();
+        fileOwner = ownerNamed ? reader.getU32() : static_cast<std::uint32_t>(spool::writerId());
     } else {
         reader.fail();
     }

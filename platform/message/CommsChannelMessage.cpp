@@ -5,6 +5,17 @@
 #include <limits>
 #include <utility>
 
+namespace {
+
+// The newest encoding version that the decoder of a type reads: only the
+// data container has a second one (see WireCodec.h).
+unsigned char newestVersionOf(int typeCode)
+{
+    return typeCode == COMMS_MSG_DATA_CONTAINER ? wire::VERSION_SPOOL_OWNER : wire::VERSION_1;
+}
+
+}  // namespace
+
 CommsChannelMessage::CommsChannelMessage(int typeCode) : m_type(typeCode) {}
 
 CommsChannelMessage::CommsChannelMessage(const CommsChannelMessage& other)
@@ -85,7 +96,7 @@ int CommsChannelMessage::decode(const char* buffer, unsigned int available)
 int CommsChannelMessage::decodeBounded(const char* buffer, unsigned int length)
 {
     wire::Reader reader(buffer, length);
-    if (!reader.checkHeader(m_type)) {
+    if (!reader.checkHeader(m_type, newestVersionOf(m_type))) {
         return 0;
     }
     std::string channelName = reader.getString();

@@ -3,10 +3,12 @@
 // into a byte encoding (encode) and back (decode); CommsChannelMessageCreator
 // builds the right class from received bytes.
 //
-// Every encoding starts with an 8-byte header: magic 0xCC 0x5E, version 1,
-// the type code, then the total length of the encoding (header included) as
-// an unsigned 32-bit integer in the host's byte order. The rest is described
-// in docs/wire-format.md.
+// Every encoding starts with an 8-byte header: magic 0xCC 0x5E, the
+// encoding's version (1, or 2 for a data container whose data is in a spool
+// file), the type code, then the total length of the encoding (header
+// included) as an unsigned 32-bit integer in the host's byte order. The rest
+// is described in docs/wire-format.md. A decoder that meets a version it
+// cannot read says so on standard error, one line per encoding.
 //
 // A message object belongs to one thread at a time; it has no locks.
 #ifndef COMMSCHANNEL_COMMS_CHANNEL_MESSAGE_H
@@ -44,7 +46,9 @@ public:
     // Fills the message from a complete encoding at buffer, bounded by the
     // length in its header: the caller guarantees that many bytes (and at
     // least 8) are readable. Returns 1 on success; 0 for anything malformed,
-    // of another type or inconsistent, leaving the message unchanged.
+    // of another type, inconsistent or of a version this build cannot read
+    // (that one with a line on standard error), leaving the message
+    // unchanged.
     virtual int decode(const char* buffer);
     // As decode(buffer), but never reads past buffer + available: an
     // encoding whose header claims more than that is rejected.

@@ -8,10 +8,45 @@
 
 namespace {
 
-bool fitsLong(std::int64_t value) { return static_cast<std::int64_t>(static_cast<long>(value)) == value; }
-
 // Smallest encoded row: update type, empty name, port.
 const std::size_t MIN_ROW_SIZE = 4 + 4 + 4;
+
+// The body after the channel name of register locator, unregister locator,
+// port request and port response: a request id (i64) when the message has
+// one, then a port (i32) when it has one. Each message names its own
+// members here; a null pointer stands for a field it does not have.
+struct ResolverFields {
+    long* requestId;
+    int* port;
+};
+
+void encodeFields(wire::Writer& writer, const ResolverFields& fields)
+{
+    if (fields.requestId != nullptr) {
+        writer.putI64(static_cast<std::int64_t>(*fields.requestId));
+    }
+    if (fields.port != nullptr) {
+        writer.putI32(*fields.port);
+    }
+}
+
+// Stores the fields only when all of them are there, nothing follows them,
+// and the request id fits this host's long (a wider one was not made here).
+bool decodeFields(wire::Reader& reader, const ResolverFields& fields)
+{
+    const std::int64_t requestId = fields.requestId != nullptr ? reader.getI64() : 0;
+    const std::int32_t port = fields.port != nullptr ? reader.getI32() : 0;
+    if (!reader.complete() || static_cast<std::int64_t>(static_cast<long>(requestId)) != requestId) {
+        return false;
+    }
+    if (fields.requestId != nullptr) {
+        *fields.requestId = static_cast<long>(requestId);
+    }
+    if (fields.port != nullptr) {
+        *fields.port = port;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -20,15 +55,13 @@ CommsChannelRegisterLocatorMessage::CommsChannelRegisterLocatorMessage()
 CommsChannelRegisterLocatorMessage::~CommsChannelRegisterLocatorMessage() = default;
 void CommsChannelRegisterLocatorMessage::setPort(int port) { m_port = port; }
 int CommsChannelRegisterLocatorMessage::port() const { return m_port; }
-void CommsChannelRegisterLocatorMessage::encodeBody(wire::Writer& writer) { writer.putI32(m_port); }
+void CommsChannelRegisterLocatorMessage::encodeBody(wire::Writer& writer)
+{
+    encodeFields(writer, ResolverFields{nullptr, &m_port});
+}
 bool CommsChannelRegisterLocatorMessage::decodeBody(wire::Reader& reader)
 {
-    const std::int32_t port = reader.getI32();
-    if (!reader.complete()) {
-        return false;
-    }
-    m_port = port;
-    return true;
+    return decodeFields(reader, ResolverFields{nullptr, &m_port});
 }
 
 CommsChannelUnregisterLocatorMessage::CommsChannelUnregisterLocatorMessage()
@@ -36,15 +69,13 @@ CommsChannelUnregisterLocatorMessage::CommsChannelUnregisterLocatorMessage()
 CommsChannelUnregisterLocatorMessage::~CommsChannelUnregisterLocatorMessage() = default;
 void CommsChannelUnregisterLocatorMessage::setPort(int port) { m_port = port; }
 int CommsChannelUnregisterLocatorMessage::port() const { return m_port; }
-void CommsChannelUnregisterLocatorMessage::encodeBody(wire::Writer& writer) { writer.putI32(m_port); }
+void CommsChannelUnregisterLocatorMessage::encodeBody(wire::Writer& writer)
+{
+    encodeFields(writer, ResolverFields{nullptr, &m_port});
+}
 bool CommsChannelUnregisterLocatorMessage::decodeBody(wire::Reader& reader)
 {
-    const std::int32_t port = reader.getI32();
-    if (!reader.complete()) {
-        return false;
-    }
-    m_port = port;
-    return true;
+    return decodeFields(reader, ResolverFields{nullptr, &m_port});
 }
 
 CommsChannelPortRequestMessage::CommsChannelPortRequestMessage()
@@ -54,16 +85,11 @@ void CommsChannelPortRequestMessage::setRequestId(long requestId) { m_requestId 
 long CommsChannelPortRequestMessage::requestId() const { return m_requestId; }
 void CommsChannelPortRequestMessage::encodeBody(wire::Writer& writer)
 {
-    writer.putI64(static_cast<std::int64_t>(m_requestId));
+    encodeFields(writer, ResolverFields{&m_requestId, nullptr});
 }
 bool CommsChannelPortRequestMessage::decodeBody(wire::Reader& reader)
 {
-    const std::int64_t requestId = reader.getI64();
-    if (!reader.complete() || !fitsLong(requestId)) {
-        return false;
-    }
-    m_requestId = static_cast<long>(requestId);
-    return true;
+    return decodeFields(reader, ResolverFields{&m_requestId, nullptr});
 }
 
 CommsChannelPortResponseMessage::CommsChannelPortResponseMessage()
@@ -75,19 +101,11 @@ void CommsChannelPortResponseMessage::setPort(int port) { m_port = port; }
 int CommsChannelPortResponseMessage::port() const { return m_port; }
 void CommsChannelPortResponseMessage::encodeBody(wire::Writer& writer)
 {
-    writer.putI64(static_cast<std::int64_t>(m_requestId));
-    writer.putI32(m_port);
+    encodeFields(writer, ResolverFields{&m_requestId, &m_port});
 }
 bool CommsChannelPortResponseMessage::decodeBody(wire::Reader& reader)
 {
-    const std::int64_t requestId = reader.getI64();
-    const std::int32_t port = reader.getI32();
-    if (!reader.complete() || !fitsLong(requestId)) {
-        return false;
-    }
-    m_requestId = static_cast<long>(requestId);
-    m_port = port;
-    return true;
+    return decodeFields(reader, ResolverFields{&m_requestId, &m_port});
 }
 
 CommsChannelLocatorUpdateMessage::CommsChannelLocatorUpdateMessage()

@@ -1,7 +1,8 @@
 // CommsChannelUnregisterLocatorMessage: sent by a process's locator to the resolver
 // when the locator stops, withdrawing the port of its own socket
-// (setPort). The resolver answers a registration with a locator update that
-// lists every channel it knows. A message belongs to one thread at a time.
+// (setPort); the resolver then withdraws the channels registered from that
+// socket, tells the other locators, and sends that port nothing more. A message
+// belongs to one thread at a time.
 #ifndef COMMSCHANNEL_COMMS_CHANNEL_UNREGISTERLOCATOR_MESSAGE_H
 #define COMMSCHANNEL_COMMS_CHANNEL_UNREGISTERLOCATOR_MESSAGE_H
 

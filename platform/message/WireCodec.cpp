@@ -1,5 +1,6 @@
 #include "WireCodec.h"
 
+#include <cstdio>
 #include <cstring>
 #include <limits>
 
@@ -21,9 +22,11 @@ Writer::Writer(int typeCode) : m_bytes(HEADER_SIZE, 0)
 {
     m_bytes[0] = static_cast<char>(MAGIC_0);
     m_bytes[1] = static_cast<char>(MAGIC_1);
-    m_bytes[2] = static_cast<char>(VERSION);
+    m_bytes[2] = static_cast<char>(VERSION_1);
     m_bytes[3] = static_cast<char>(typeCode);
 }
+
+void Writer::setVersion(unsigned char version) { m_bytes[2] = static_cast<char>(version); }
 
 void Writer::append(const void* data, std::size_t length)
 {
@@ -55,23 +58,31 @@ bool Writer::finish()
 }
 
 Reader::Reader(const char* data, std::size_t length)
-    : m_data(data), m_length(length), m_position(0), m_ok(data != nullptr)
+    : m_data(data), m_length(length), m_position(0), m_version(0), m_ok(data != nullptr)
 {
 }
 
-bool Reader::checkHeader(int typeCode)
+bool Reader::checkHeader(int typeCode, unsigned char newestVersion)
 {
     if (!m_ok || m_length < HEADER_SIZE) {
         m_ok = false;
         return false;
     }
     const unsigned char* header = reinterpret_cast<const unsigned char*>(m_data);
-    if (header[0] != MAGIC_0 || header[1] != MAGIC_1 || header[2] != VERSION ||
-        header[3] != static_cast<unsigned char>(typeCode) ||
+    if (header[0] != MAGIC_0 || header[1] != MAGIC_1 || header[3] != static_cast<unsigned char>(typeCode) ||
         readHostOrderLength(m_data) != m_length) {
         m_ok = false;
         return false;
     }
+    // Everything else says this is an encoding of the type: one whose
+    // version is not known here comes from another build, and whoever runs
+    // the two must learn why its content is lost.
+    if (header[2] < VERSION_1 || header[2] > newestVersion) {
+        reportUnreadableVersion(header[2], typeCode);
+        m_ok = false;
+        return false;
+    }
+    m_version = header[2];
     m_position = HEADER_SIZE;
     return true;
 }
@@ -140,13 +151,19 @@ const char* Reader::getBytes(std::size_t length)
     return bytes;
 }
 
+void reportUnreadableVersion(unsigned int version, int typeCode)
+{
+    std::fprintf(stderr, "CommsChannel: cannot read message encoding version %u (message type %d)\n", version,
+                 typeCode);
+}
+
 int peekTypeCode(const char* data, std::size_t available)
 {
     if (data == nullptr || available < HEADER_SIZE) {
         return -1;
     }
     const unsigned char* header = reinterpret_cast<const unsigned char*>(data);
-    if (header[0] != MAGIC_0 || header[1] != MAGIC_1 || header[2] != VERSION) {
+    if (header[0] != MAGIC_0 || header[1] != MAGIC_1) {
         return -1;
     }
     const std::uint32_t length = readHostOrderLength(data);

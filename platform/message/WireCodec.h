@@ -19,7 +19,21 @@ namespace wire {
 const std::size_t HEADER_SIZE = 8;
 const unsigned char MAGIC_0 = 0xCC;
 const unsigned char MAGIC_1 = 0x5E;
-const unsigned char VERSION = 1;
+
+// Versions, header byte 2: the layout of the body. Every encoding carries
+// the oldest version that describes it, so a build that knows only version 1
+// still reads every encoding except those that need the newer layout.
+//   1: every type's body; a data container's spool reference holds the file
+//      name and the data length, and the file lies in the reader's own
+//      user's spool directory.
+//   2: a data container whose data is in a spool file; the reference also
+//      holds the writer's uid, which names the spool directory.
+const unsigned char VERSION_1 = 1;
+const unsigned char VERSION_SPOOL_OWNER = 2;
+
+// Writes the one line on standard error that tells of an encoding whose
+// version this build cannot read (see docs/wire-format.md).
+void reportUnreadableVersion(unsigned int version, int typeCode);
 
 // The total length in bytes 4 to 7, in host byte order.
 std::uint32_t readHostOrderLength(const char* header);
@@ -27,8 +41,10 @@ void writeHostOrderLength(char* header, std::uint32_t length);
 
 class Writer {
 public:
-    // Starts an encoding with a header of the given type code.
+    // Starts an encoding with a header of the given type code, version 1.
     explicit Writer(int typeCode);
+    // Sets the header's version byte.
+    void setVersion(unsigned char version);
     void putU8(std::uint8_t value);
     void putI32(std::int32_t value);
     void putU32(std::uint32_t value);
@@ -51,9 +67,13 @@ class Reader {
 public:
     // Reads the encoding of `length` bytes at `data` (header included).
     Reader(const char* data, std::size_t length);
-    // True when the header is well formed, of the given type, and its length
-    // equals the bytes given.
-    bool checkHeader(int typeCode);
+    // True when the header is well formed, of the given type, of a version
+    // from 1 to newestVersion, and its length equals the bytes given. A
+    // header that is right but for its version is reported on standard
+    // error (reportUnreadableVersion).
+    bool checkHeader(int typeCode, unsigned char newestVersion);
+    // The header's version, once checkHeader() accepted it.
+    unsigned char version() const { return m_version; }
     std::uint8_t getU8();
     std::int32_t getI32();
     std::uint32_t getU32();
@@ -73,11 +93,13 @@ private:
     const char* m_data;
     std::size_t m_length;
     std::size_t m_position;
+    unsigned char m_version;
     bool m_ok;
 };
 
-// The type code of a complete encoding, or -1 when its header is malformed.
-// Looks only at the header; `available` bounds what may be read.
+// The type code of a complete encoding, or -1 when its magic or its length
+// is wrong. Looks only at the header; `available` bounds what may be read.
+// The version is left to the decoder of that type, which knows its own.
 int peekTypeCode(const char* data, std::size_t available);
 
 }  // namespace wire

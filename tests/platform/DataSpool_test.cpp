@@ -244,8 +244,9 @@ TEST_F(DataSpoolTest, EncodingWithAFileCarriesOnlyTheReference)
     const std::vector<std::string> files = cctest::spoolFilesOfThisProcess();
     ASSERT_EQ(1U, files.size());
     const Bytes encoding = encodingOf(*sut);
+    // Version 2: the reference names its writer.
     const Bytes expected = pftest::EncodingBuilder()
-                               .header(1)
+                               .header(1, 2)
                                .str("receiver")
                                .str("sender")
                                .str("")
@@ -463,6 +464,123 @@ TEST_F(DataSpoolTest, DecodingTheSameEncodingTwiceFailsTheSecondTime)
     const Bytes encoding = encodingOf(*sender);
     EXPECT_NE(nullptr, decode(encoding));
     EXPECT_EQ(nullptr, decode(encoding));
+}
+
+TEST_F(DataSpoolTest, SpoolReferenceIsVersionTwoAndTheSameMessageInlineIsVersionOne)
+{
+    const std::string data = patternData(70000, 40);
+    std::unique_ptr<CommsChannelDataContainerMessage> sut(messageWith(data));
+    sut->putDataToFile();
+    const Bytes spooled = encodingOf(*sut);
+    const Bytes inlined = encodingOf(*sut);
+    ASSERT_GE(spooled.size(), 8U);
+    ASSERT_GT(inlined.size(), data.size());
+    EXPECT_EQ(2, spooled[2]);
+    EXPECT_EQ(1, inlined[2]);
+    std::unique_ptr<CommsChannelDataContainerMessage> fromFile = decode(spooled);
+    ASSERT_NE(nullptr, fromFile);
+    EXPECT_EQ(data, fromFile->getData());
+    std::unique_ptr<CommsChannelDataContainerMessage> fromEncoding = decode(inlined);
+    ASSERT_NE(nullptr, fromEncoding);
+    EXPECT_EQ(data, fromEncoding->getData());
+    EXPECT_TRUE(spoolEntries().empty());
+}
+
+// Version 1 spool reference, byte by byte as docs/wire-format.md gives it:
+// header CC 5E 01 01 and the total length, the six strings (channel first),
+// request id, message type, priority, data kind 1, file name and data
+// length, and no owner.
+Bytes versionOneReference(const std::string& fileName, std::uint64_t length)
+{
+    Bytes bytes = {0xCC, 0x5E, 0x01, 0x01, 0, 0, 0, 0};
+    const auto put = [&bytes](const void* value, std::size_t size) {
+        const unsigned char* p = static_cast<const unsigned char*>(value);
+        bytes.insert(bytes.end(), p, p + size);
+    };
+    const auto putString = [&put](const std::string& text) {
+        const std::uint32_t size = static_cast<std::uint32_t>(text.size());
+        put(&size, 4);
+        put(text.data(), text.size());
+    };
+    putString("receiver");
+    putString("sender");
+    putString("back");
+    putString("proto");
+    putString("if");
+    putString("ctx");
+    const std::int64_t requestId = 31;
+    const std::int32_t msgType = 2;
+    const std::int32_t priority = VIREO_PRIORITY_HIGH;
+    put(&requestId, 8);
+    put(&msgType, 4);
+    put(&priority, 4);
+    bytes.push_back(1);
+    putString(fileName);
+    put(&length, 8);
+    const std::uint32_t total = static_cast<std::uint32_t>(bytes.size());
+    std::memcpy(&bytes[4], &total, 4);
+    return bytes;
+}
+
+TEST_F(DataSpoolTest, VersionOneReferenceIsReadFromThisUsersOwnDirectory)
+{
+    makeSpoolDir();
+    const std::string data = patternData(90000, 41);
+    const std::string name = plantedName(77, 0x1234);
+    writeFile(spoolPath(name), data);
+    const Bytes encoding = versionOneReference(name, data.size());
+    EXPECT_EQ(8U + 12 + 10 + 8 + 9 + 6 + 7 + 8 + 4 + 4 + 1 + 32 + 8, encoding.size());
+    std::unique_ptr<CommsChannelDataContainerMessage> decoded = decode(encoding);
+    ASSERT_NE(nullptr, decoded);
+    EXPECT_EQ(data, decoded->getData());
+    EXPECT_EQ("receiver", decoded->channel());
+    EXPECT_EQ("sender", decoded->sourceChannel());
+    EXPECT_EQ("back", decoded->callbackChannel());
+    EXPECT_EQ("proto", decoded->protocol());
+    EXPECT_EQ("if", decoded->interface());
+    EXPECT_EQ("ctx", decoded->remoteContext());
+    EXPECT_EQ(31, decoded->requestId());
+    EXPECT_EQ(2, decoded->msgType());
+    EXPECT_EQ(VIREO_PRIORITY_HIGH, decoded->priority());
+    EXPECT_FALSE(exists(spoolPath(name)));
+}
+
+TEST_F(DataSpoolTest, VersionOneReferenceDecodesIntoAReceivedMessageAsTheReceiverDoesIt)
+{
+    makeSpoolDir();
+    const std::string data = patternData(65000, 42);
+    const std::string name = plantedName(78, 0x5678);
+    writeFile(spoolPath(name), data);
+    const Bytes encoding = versionOneReference(name, data.size());
+    CommsChannelDataContainerMessage sut;
+    EXPECT_EQ(1, sut.decode(reinterpret_cast<const char*>(encoding.data())));
+    EXPECT_EQ(data, sut.getData());
+    EXPECT_TRUE(spoolEntries().empty());
+}
+
+TEST_F(DataSpoolTest, VersionOneReferenceToAMissingFileIsReportedWithThisUsersDirectory)
+{
+    cctest::StderrRecorder recorder;
+    makeSpoolDir();
+    EXPECT_EQ(nullptr, decode(versionOneReference(plantedName(79, 0x9), 5000)));
+    EXPECT_NE(std::string::npos,
+              recorder.text().find("cannot read large data file " + spoolPath(plantedName(79, 0x9)) + ": "))
+        << recorder.text();
+}
+
+TEST_F(DataSpoolTest, SpoolReferenceOfAnUnknownVersionIsReportedAndLeavesItsFile)
+{
+    std::unique_ptr<CommsChannelDataContainerMessage> sender(messageWith(patternData(80000, 43)));
+    sender->putDataToFile();
+    Bytes encoding = encodingOf(*sender);
+    ASSERT_EQ(1U, spoolEntries().size());
+    encoding[2] = 3;
+    cctest::StderrRecorder recorder;
+    CommsChannelDataContainerMessage sut;
+    EXPECT_EQ(0, sut.decode(reinterpret_cast<const char*>(encoding.data())));
+    EXPECT_EQ(0, sut.getDataLength());
+    EXPECT_EQ("CommsChannel: cannot read message encoding version 3 (message type 1)\n", recorder.text());
+    EXPECT_EQ(1U, spoolEntries().size());
 }
 
 TEST_F(DataSpoolTest, FileOfAnotherWriterOfTheSameUserIsAccepted)

@@ -252,14 +252,133 @@ TEST_F(MessageDecodingTest, WrongMagicIsRejected)
 
 TEST_F(MessageDecodingTest, WrongVersionIsRejected)
 {
+    cctest::StderrRecorder recorder;
     for (const Sample& sample : samples) {
-        const unsigned char badVersions[] = {0, 2, 0x81, 0xFF};
+        const unsigned char badVersions[] = {0, 2, 3, 0x81, 0xFF};
         for (unsigned char version : badVersions) {
             Bytes bad = sample.encoding;
             bad[2] = version;
             EXPECT_FALSE(decodesEitherWay(bad)) << sample.name << " version " << int(version);
         }
     }
+}
+
+// The line that a decoder writes for an encoding whose version it cannot read.
+std::string unreadableVersionLine(int version, int typeCode)
+{
+    return "CommsChannel: cannot read message encoding version " + std::to_string(version) + " (message type " +
+           std::to_string(typeCode) + ")\n";
+}
+
+TEST_F(MessageDecodingTest, EveryEncodingButASpoolReferenceIsVersionOne)
+{
+    for (const Sample& sample : samples) {
+        EXPECT_EQ(1, sample.encoding[2]) << sample.name;
+    }
+}
+
+TEST_F(MessageDecodingTest, UnknownVersionIsRejectedWithOneLineOnStandardErrorPerDecode)
+{
+    for (const Sample& sample : samples) {
+        for (int version : {0, 3, 0x81, 0xFF}) {
+            Bytes bad = sample.encoding;
+            bad[2] = static_cast<unsigned char>(version);
+            const int typeCode = sample.encoding[3];
+            cctest::StderrRecorder recorder;
+            EXPECT_FALSE(decodesBounded(bad)) << sample.name << " version " << version;
+            EXPECT_EQ(unreadableVersionLine(version, typeCode), recorder.text()) << sample.name;
+            EXPECT_FALSE(decodesUnbounded(bad)) << sample.name << " version " << version;
+            EXPECT_EQ(unreadableVersionLine(version, typeCode) + unreadableVersionLine(version, typeCode),
+                      recorder.text())
+                << sample.name;
+        }
+    }
+}
+
+TEST_F(MessageDecodingTest, VersionTwoOfAnyTypeButTheDataContainerIsReported)
+{
+    for (const Sample& sample : samples) {
+        if (sample.encoding[3] == 1) {
+            continue;
+        }
+        Bytes bad = sample.encoding;
+        bad[2] = 2;
+        cctest::StderrRecorder recorder;
+        EXPECT_FALSE(decodesBounded(bad)) << sample.name;
+        EXPECT_EQ(unreadableVersionLine(2, sample.encoding[3]), recorder.text()) << sample.name;
+    }
+}
+
+TEST_F(MessageDecodingTest, DataMessageOfAnUnknownVersionIsLeftEmptyAsTheReceiverQueuesIt)
+{
+    // The receiver thread decodes into a fresh message and queues it whether
+    // or not the decode succeeded.
+    Bytes bad = samples[0].encoding;
+    bad[2] = 3;
+    cctest::StderrRecorder recorder;
+    CommsChannelDataContainerMessage sut;
+    EXPECT_EQ(0, sut.decode(reinterpret_cast<const char*>(bad.data())));
+    EXPECT_EQ(unreadableVersionLine(3, 1), recorder.text());
+    EXPECT_EQ(0, sut.getDataLength());
+    EXPECT_EQ("", sut.channel());
+    EXPECT_EQ("", sut.sourceChannel());
+    EXPECT_EQ(0, sut.requestId());
+}
+
+TEST_F(MessageDecodingTest, UnknownVersionIsNotReportedWhenTheRestOfTheHeaderIsWrong)
+{
+    cctest::StderrRecorder recorder;
+    Bytes badMagic = samples[0].encoding;
+    badMagic[0] = 0;
+    badMagic[2] = 3;
+    EXPECT_FALSE(decodesEitherWay(badMagic));
+    Bytes unknownType = samples[0].encoding;
+    unknownType[2] = 3;
+    unknownType[3] = 9;
+    EXPECT_FALSE(decodesEitherWay(unknownType));
+    // A header that announces more bytes than were received, or fewer than
+    // a header holds.
+    for (std::uint32_t length : {static_cast<std::uint32_t>(samples[0].encoding.size() + 1), 7U}) {
+        Bytes badLength = samples[0].encoding;
+        badLength[2] = 3;
+        patchLength(badLength, length);
+        EXPECT_FALSE(decodesEitherWay(badLength)) << length;
+    }
+    // The data container's decode does not take encodings of another type.
+    Bytes otherType = samples[2].encoding;
+    otherType[2] = 3;
+    CommsChannelDataContainerMessage sut;
+    EXPECT_EQ(0, sut.decode(reinterpret_cast<const char*>(otherType.data())));
+    EXPECT_EQ("", recorder.text());
+}
+
+TEST_F(MessageDecodingTest, VersionTwoWithInlineDataIsRejectedWithoutAWord)
+{
+    // Version 2 is the spool reference that names its writer, nothing else.
+    Bytes bad = samples[0].encoding;
+    bad[2] = 2;
+    cctest::StderrRecorder recorder;
+    EXPECT_FALSE(decodesEitherWay(bad));
+    EXPECT_EQ("", recorder.text());
+}
+
+TEST_F(MessageDecodingTest, VersionTwoSpoolReferenceWithoutItsOwnerIsRejected)
+{
+    Bytes bad = pftest::ownerlessFileReferenceEncoding("cc-00000001-00000000deadbeef", 10);
+    bad[2] = 2;
+    cctest::StderrRecorder recorder;
+    EXPECT_FALSE(decodesEitherWay(bad));
+    EXPECT_EQ("", recorder.text());
+}
+
+TEST_F(MessageDecodingTest, VersionOneSpoolReferenceFollowedByAnOwnerIsRejected)
+{
+    // Version 1 has no owner field: four bytes more are bytes left over.
+    Bytes bad = fileReferenceEncoding("cc-00000001-00000000deadbeef", 10);
+    bad[2] = 1;
+    cctest::StderrRecorder recorder;
+    EXPECT_FALSE(decodesEitherWay(bad));
+    EXPECT_EQ("", recorder.text());
 }
 
 TEST_F(MessageDecodingTest, UnknownTypeCodeIsRejected)

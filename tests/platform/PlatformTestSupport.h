@@ -99,9 +99,9 @@ public:
         return raw(value.data(), value.size());
     }
     // The 8-byte header; bytes() fills in its length.
-    EncodingBuilder& header(std::uint8_t typeCode)
+    EncodingBuilder& header(std::uint8_t typeCode, std::uint8_t version = 1)
     {
-        const unsigned char start[4] = {0xCC, 0x5E, 0x01, typeCode};
+        const unsigned char start[4] = {0xCC, 0x5E, version, typeCode};
         raw(start, 4);
         return u32(0);
     }
@@ -132,13 +132,13 @@ inline void patchLength(Bytes& encoding, std::uint32_t length)
     std::memcpy(&encoding[4], &length, sizeof length);
 }
 
-// A data container encoding (type 1) whose data travels in the named spool
-// file of the given length.
+// A data container encoding (type 1, version 2) whose data travels in the
+// named spool file of the given length, written by fileOwner.
 inline Bytes fileReferenceEncoding(const std::string& fileName, std::uint64_t fileLength,
                                    std::uint32_t fileOwner = static_cast<std::uint32_t>(geteuid()))
 {
     return EncodingBuilder()
-        .header(1)
+        .header(1, 2)
         .str("dest")
         .str("src")
         .str("")
@@ -152,6 +152,27 @@ inline Bytes fileReferenceEncoding(const std::string& fileName, std::uint64_t fi
         .str(fileName)
         .u64(fileLength)
         .u32(fileOwner)
+        .bytes();
+}
+
+// The same reference in its version 1 form: no owner, the file lies in the
+// reader's own spool directory.
+inline Bytes ownerlessFileReferenceEncoding(const std::string& fileName, std::uint64_t fileLength)
+{
+    return EncodingBuilder()
+        .header(1, 1)
+        .str("dest")
+        .str("src")
+        .str("")
+        .str("")
+        .str("")
+        .str("")
+        .i64(0)
+        .i32(0)
+        .i32(1)
+        .u8(1)
+        .str(fileName)
+        .u64(fileLength)
         .bytes();
 }
 
