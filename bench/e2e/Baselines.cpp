@@ -2,6 +2,7 @@
 #include "Baselines.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace bench {
@@ -83,6 +85,46 @@ int udpPort(int fd)
         return 0;
     }
     return ntohs(address.sin_port);
+}
+
+int socketOption(int fd, int option)
+{
+    int value = 0;
+    socklen_t length = sizeof value;
+    if (getsockopt(fd, SOL_SOCKET, option, &value, &length) != 0) {
+        return -1;
+    }
+    return value;
+}
+
+int socketOptionOfPort(int port, int option)
+{
+    DIR* descriptors = opendir("/proc/self/fd");
+    if (descriptors == nullptr) {
+        return -1;
+    }
+    const int listing = dirfd(descriptors);
+    int value = -1;
+    while (const dirent* entry = readdir(descriptors)) {
+        char* end = nullptr;
+        const long fd = std::strtol(entry->d_name, &end, 10);
+        if (end == entry->d_name || *end != '\0' || fd == listing) {
+            continue;
+        }
+        int type = 0;
+        socklen_t typeLength = sizeof type;
+        sockaddr_in address;
+        socklen_t length = sizeof address;
+        if (getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_TYPE, &type, &typeLength) != 0 || type != SOCK_DGRAM ||
+            getsockname(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+            address.sin_family != AF_INET || ntohs(address.sin_port) != port) {
+            continue;
+        }
+        value = socketOption(static_cast<int>(fd), option);
+        break;
+    }
+    closedir(descriptors);
+    return value;
 }
 
 bool udpSend(int fd, int port, const char* data, std::size_t length)

@@ -34,6 +34,12 @@ private:
 int openUdpSocket(int bufferSize);
 // The port a socket is bound to, in host order; 0 on failure.
 int udpPort(int fd);
+// The value of a SOL_SOCKET option (SO_RCVBUF, SO_SNDBUF) of fd, as the
+// kernel reports it (twice the size that was set). -1 on failure.
+int socketOption(int fd, int option);
+// The same for the UDP socket of this process that is bound to port on
+// 127.0.0.1, found among its open descriptors. -1 when there is none.
+int socketOptionOfPort(int port, int option);
 // Sends one datagram to 127.0.0.1:port. True when all bytes went out.
 bool udpSend(int fd, int port, const char* data, std::size_t length);
 // Receives one datagram, waiting up to timeoutMs (-1: no limit). Returns

@@ -71,6 +71,12 @@ int resolverPortOf(const std::string& name, int timeoutMs)
     return port;
 }
 
+int channelSocketOption(const std::string& name, int option)
+{
+    const int port = resolverPortOf(name, 2000);
+    return port > 0 ? socketOptionOfPort(port, option) : -1;
+}
+
 bool waitUntilResolverKnows(const std::string& name, int timeoutMs)
 {
     const std::int64_t deadline = nowNs() + static_cast<std::int64_t>(timeoutMs) * 1000000;

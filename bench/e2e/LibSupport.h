@@ -21,6 +21,11 @@ std::string uniqueName(const std::string& tag);
 // port, 0 when the resolver does not know the name, -1 when it did not
 // answer within timeoutMs.
 int resolverPortOf(const std::string& name, int timeoutMs);
+// A SOL_SOCKET option (SO_RCVBUF, SO_SNDBUF) of the socket of this
+// process's channel name, found by the port the resolver gives for it, as
+// the kernel reports it. -1 when the resolver does not know the name or no
+// socket of this process is bound to its port.
+int channelSocketOption(const std::string& name, int option);
 // Asks again until the resolver knows name. False after timeoutMs.
 bool waitUntilResolverKnows(const std::string& name, int timeoutMs);
 

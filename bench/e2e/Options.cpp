@@ -13,18 +13,19 @@ const char USAGE[] =
     "End-to-end benchmarks of CommsChannel, each beside a raw baseline measured in\n"
     "the same run. Needs a resolver answering on 127.0.0.1:5000.\n"
     "  --reps N           repetitions of every figure (default 5)\n"
-    "  --only LETTERS     scenarios to run, e.g. c,d (default a..g)\n"
+    "  --only LETTERS     scenarios to run, e.g. c,d (default a..j)\n"
     "  --json FILE        raw figures as JSON lines (default bench-results.jsonl)\n"
     "  --smoke            every scenario once with tiny counts (a few seconds)\n"
     "  --count N          a: messages per repetition (default 200000)\n"
     "  --sends N          b: timed sends per queue depth (default 2000)\n"
-    "  --round-trips N    c, f: round trips per repetition (default 2000)\n"
+    "  --round-trips N    c, f, i: round trips per repetition (default 2000)\n"
     "  --seconds S        d: length of each stream (default 2)\n"
     "  --rates LIST       d: stream rates in msgs/s, 0 for unpaced\n"
     "                     (default 10000,50000,100000,0)\n"
     "  --pacing MODE      d: how the sender waits for each message's time:\n"
     "                     sleep (default) or spin (exact spacing, but one\n"
     "                     processor busy at 50000 msgs/s and more)\n"
+    "  --stream-count N   h: messages of the unpaced stream (default 200000)\n"
     "  -h, --help         this text\n";
 
 bool positive(const char* text, double& value)
@@ -74,7 +75,7 @@ int parseOptions(int argc, char** argv, Options& options, bool& stop)
         } else if (arg == "--only" && hasValue) {
             options.only.clear();
             for (const char* c = argv[++i]; *c != '\0'; ++c) {
-                if (*c >= 'a' && *c <= 'g') {
+                if (*c >= 'a' && *c <= 'j') {
                     options.only += *c;
                 } else if (*c != ',') {
                     std::fprintf(stderr, "commschannel-bench-e2e: unknown scenario '%c'\n%s", *c, USAGE);
@@ -97,7 +98,7 @@ int parseOptions(int argc, char** argv, Options& options, bool& stop)
         } else if (arg == "--json" && hasValue) {
             options.jsonPath = argv[++i];
         } else if ((arg == "--reps" || arg == "--count" || arg == "--sends" || arg == "--round-trips" ||
-                    arg == "--seconds") &&
+                    arg == "--seconds" || arg == "--stream-count") &&
                    hasValue && positive(argv[i + 1], value)) {
             ++i;
             if (arg == "--reps") {
@@ -108,6 +109,8 @@ int parseOptions(int argc, char** argv, Options& options, bool& stop)
                 options.sendSamples = static_cast<int>(value);
             } else if (arg == "--round-trips") {
                 options.roundTrips = static_cast<int>(value);
+            } else if (arg == "--stream-count") {
+                options.streamCount = static_cast<int>(value);
             } else {
                 options.streamSeconds = value;
             }
@@ -126,6 +129,7 @@ int parseOptions(int argc, char** argv, Options& options, bool& stop)
         options.sendSamples = 50;
         options.roundTrips = 20;
         options.streamSeconds = 0.2;
+        options.streamCount = 2000;
         options.largeRoundsSmall = 1;
         options.largeRoundsBig = 1;
     }

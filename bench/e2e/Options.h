@@ -13,7 +13,7 @@ namespace bench {
 struct Options {
     int reps = 5;
     bool smoke = false;
-    std::string only = "abcdefg";  // scenario letters to run
+    std::string only = "abcdefghij";  // scenario letters to run
     std::string jsonPath = "bench-results.jsonl";
     int throughputCount = 200000;   // a: messages per repetition
     int sendSamples = 2000;         // b: timed sends per queue depth
@@ -21,6 +21,7 @@ struct Options {
     double streamSeconds = 2.0;     // d: length of each stream
     std::vector<double> streamRates = {10000, 50000, 100000, 0};  // d: msgs/s, 0 unpaced
     Pacing pacing = Pacing::SLEEP;  // d: how the senders wait between messages
+    int streamCount = 200000;       // h: messages of the unpaced fixed-count stream
     int largeRoundsSmall = 20;      // e: 1 MiB round trips per repetition
     int largeRoundsBig = 3;         // e: 64 MiB round trips per repetition
 

@@ -9,10 +9,12 @@
 //              mem=1 prints "MEM <peak bytes added> <data bytes>" after
 //              each answer.
 //   udp-echo   idle=              raw UDP echo; READY carries its port.
-//   lib-stream name= target= rate= seconds= size= pacing=
-//   udp-stream port= rate= seconds= size= pacing=
+//   lib-stream name= target= rate= seconds= size= pacing= [count=]
+//   udp-stream port= rate= seconds= size= pacing= [count=]
+//              READY carries "sndbuf=<SO_SNDBUF of the sending socket>";
 //              after "GO" on standard input, sends sequenced messages at
 //              the rate (0: unpaced; pacing sleep or spin) for the time,
+//              or, with count= above 0, exactly count messages unpaced,
 //              then prints
 //              "DONE sent=<n> failed=<n> elapsed_us=<t>".
 //   lib-sink   name=              channel "name" that takes and drops every
@@ -20,6 +22,12 @@
 //   first-send target= udpport=   a fresh process: times its channel's
 //              construction, its first and later sends to target and one
 //              raw UDP round trip, prints "RESULT ..." and exits.
+//   fork-parent target= udpport=
+//              never calls the library itself. For each "FORK" on standard
+//              input it forks a child (no exec) that constructs a channel,
+//              sends to target and times one raw UDP round trip, as
+//              first-send does; the child prints "RESULT ..." and exits,
+//              the parent then prints "CHILD <exit status>".
 #include "Scenario.h"
 
 #include "Baselines.h"
@@ -31,8 +39,13 @@
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -192,6 +205,7 @@ int stream(const PeerArgs& args, const std::function<bool(char*, int)>& send)
     const double rate = static_cast<double>(number(args, "rate"));
     const double seconds = std::atof(text(args, "seconds").c_str());
     const int size = static_cast<int>(number(args, "size"));
+    const long count = number(args, "count");
     std::string line;
     if (!readLine(line) || line != "GO") {
         return 1;
@@ -202,13 +216,13 @@ int stream(const PeerArgs& args, const std::function<bool(char*, int)>& send)
         std::fprintf(stderr, "stream: pacing '%s' unknown\n", text(args, "pacing").c_str());
         return 1;
     }
-    Pacer pacer(rate, pacing);
+    Pacer pacer(count > 0 ? 0 : rate, pacing);
     pacer.start();
     const std::int64_t start = nowNs();
     const std::int64_t end = start + static_cast<std::int64_t>(seconds * 1e9);
     std::uint64_t sent = 0;
     std::uint64_t failed = 0;
-    while (nowNs() < end) {
+    while (count > 0 ? sent < static_cast<std::uint64_t>(count) : nowNs() < end) {
         pacer.waitFor(sent);
         writeSequenced(buffer.data(), buffer.size(), sent);
         if (!send(buffer.data(), size)) {
@@ -233,7 +247,7 @@ int libStream(const PeerArgs& args)
         std::fprintf(stderr, "lib-stream: '%s' unknown\n", target.c_str());
         return 1;
     }
-    ready("");
+    ready("sndbuf=" + std::to_string(channelSocketOption(channel.channelName(), SO_SNDBUF)));
     return stream(args, [&channel, &target](char* data, int length) {
         return channel.sendMsg(target, data, length) == 1;
     });
@@ -247,7 +261,7 @@ int udpStream(const PeerArgs& args)
     if (fd < 0) {
         return 1;
     }
-    ready("");
+    ready("sndbuf=" + std::to_string(socketOption(fd, SO_SNDBUF)));
     const int result = stream(args, [fd, port](char* data, int length) {
         return udpSend(fd, port, data, static_cast<std::size_t>(length));
     });
@@ -280,6 +294,9 @@ int libSink(const PeerArgs& args)
     return 0;
 }
 
+// The body of first-send and of fork-parent's children: prints
+// "RESULT <construct us> <first send us> <later send us> <UDP round trip us>"
+// and answers the exit status.
 int firstSend(const PeerArgs& args)
 {
     const std::string target = text(args, "target");
@@ -323,6 +340,48 @@ int firstSend(const PeerArgs& args)
     return 0;
 }
 
+int forkParent(const PeerArgs& args)
+{
+    // Nothing here may call the library: the children must start from a
+    // process that never used it.
+    ready("");
+    std::string line;
+    while (readLine(line)) {
+        if (line != "FORK") {
+            continue;
+        }
+        std::fflush(stdout);
+        const pid_t parent = getpid();
+        const pid_t child = fork();
+        if (child < 0) {
+            std::printf("RESULT failed fork\n");
+            std::fflush(stdout);
+            return 1;
+        }
+        if (child == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent) {
+                _exit(127);
+            }
+            alarm(PEER_GRACE_SECONDS + 40);
+            // A normal exit, destructors and all, as a real child's.
+            std::exit(firstSend(args));
+        }
+        int status = 0;
+        pid_t reaped = -1;
+        while ((reaped = waitpid(child, &status, 0)) < 0 && errno == EINTR) {
+        }
+        if (reaped != child) {
+            std::printf("CHILD lost\n");
+            std::fflush(stdout);
+            return 1;
+        }
+        std::printf("CHILD %d\n", WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+        std::fflush(stdout);
+    }
+    return 0;
+}
+
 }  // namespace
 
 int runPeer(int argc, char** argv)
@@ -352,6 +411,8 @@ int runPeer(int argc, char** argv)
         return libSink(args);
     } else if (role == "first-send") {
         return firstSend(args);
+    } else if (role == "fork-parent") {
+        return forkParent(args);
     }
     std::fprintf(stderr, "commschannel-bench-e2e: unknown peer role '%s'\n", role.c_str());
     return 2;

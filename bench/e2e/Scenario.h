@@ -38,6 +38,14 @@ void runLargeMessages(Context& context);
 void runIdleChannels(Context& context);
 // g: the first send from a freshly started process.
 void runFirstSend(Context& context);
+// h: an unpaced stream of a fixed count from another process, messages
+// delivered per second.
+void runUnpacedCount(Context& context);
+// i: the 64-byte round trip by request id beside the plain one.
+void runByIdAgainstPlain(Context& context);
+// j: the first send from a child forked by a parent that never used the
+// library.
+void runForkedFirstSend(Context& context);
 
 // The peer side: "<program> --peer ROLE key=value..." (see Peers.cpp).
 int runPeer(int argc, char** argv);

@@ -1,7 +1,9 @@
-// Scenarios c and f: round trips between two processes, and the same round
-// trip with many idle channels open on both sides. The baseline is a raw
-// UDP round trip between two processes (blocking send and receive on
-// 127.0.0.1 sockets), measured right after each library run.
+// Scenarios c, f and i: round trips between two processes, the same round
+// trip with many idle channels open on both sides, and the round trip by
+// request id beside the plain one. The baseline of c and f is a raw UDP
+// round trip between two processes (blocking send and receive on 127.0.0.1
+// sockets), measured right after each library run; the baseline of i is
+// the library's plain round trip to the same peer.
 #include "Scenario.h"
 
 #include "Baselines.h"
@@ -67,6 +69,35 @@ void runRoundTrips(Context& context)
     }
     if (!libraryPeer.stop(10000)) {
         throw ScenarioFailure("c: echo peer ended badly (" + libraryPeer.describeEnd() + ")");
+    }
+}
+
+void runByIdAgainstPlain(Context& context)
+{
+    CommsChannel self(uniqueName("i-client"));
+    const std::string peerName = uniqueName("i-echo");
+    PeerProcess peer;
+    startPeer(peer, {"lib-echo", "name=" + peerName}, READY_TIMEOUT_MS, nullptr);
+    const std::string scenario = "i by id / plain 64 B";
+    long nextRequestId = 1;
+    const int count = context.options.roundTrips;
+    for (int rep = 1; rep <= context.options.reps; ++rep) {
+        // Which kind goes first alternates, so that neither always meets
+        // the processors as the other left them.
+        std::vector<double> plain;
+        std::vector<double> byId;
+        for (int turn = 0; turn < 2; ++turn) {
+            if ((turn == 0) == (rep % 2 == 1)) {
+                plain = libraryRoundTrips(self, peer, peerName, RoundTripKind::PLAIN, 64, count, nextRequestId);
+            } else {
+                byId = libraryRoundTrips(self, peer, peerName, RoundTripKind::BY_REQUEST_ID, 64, count, nextRequestId);
+            }
+        }
+        addLatency(context.report, "i", scenario, Side::LIBRARY, rep, byId);
+        addLatency(context.report, "i", scenario, Side::BASELINE, rep, plain);
+    }
+    if (!peer.stop(10000)) {
+        throw ScenarioFailure("i: echo peer ended badly (" + peer.describeEnd() + ")");
     }
 }
 

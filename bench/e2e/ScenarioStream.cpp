@@ -1,9 +1,12 @@
-// Scenario d: one-way streams of 64-byte sequenced messages from another
-// process, paced at fixed rates and unpaced. The receiving application
-// thread takes every message with receiveMsg; after the sender is done and
-// a short drain, the sequence numbers tell what was lost, reordered or
-// duplicated. The baseline is the same stream over raw UDP into a socket
-// whose receive buffer is set to 65535 bytes, like a channel's.
+// Scenarios d and h: one-way streams of 64-byte sequenced messages from
+// another process. d paces them at fixed rates (and unpaced) for a fixed
+// time; h sends a fixed count as fast as the sender can and measures the
+// messages delivered per second. The receiving application thread takes
+// every message with receiveMsg; after the sender is done and a short
+// drain, the sequence numbers tell what was lost, reordered or duplicated.
+// The baseline is the same stream over raw UDP between sockets whose
+// SO_RCVBUF and SO_SNDBUF are set to 65535 bytes, like a channel's; both
+// scenarios report the buffer sizes the kernel gave on each side.
 #include "Scenario.h"
 
 #include "Baselines.h"
@@ -14,6 +17,7 @@
 
 #include "CommsChannel.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +32,9 @@ namespace bench {
 namespace {
 
 const int MESSAGE_SIZE = 64;
+// SO_RCVBUF and SO_SNDBUF that a channel's socket asks for; the raw
+// sockets of the baseline ask for the same.
+const int SOCKET_BUFFER_BYTES = 65535;
 const int READY_TIMEOUT_MS = 30000;
 // The stream is over when nothing arrived for this long after the sender
 // finished, or at the latest after DRAIN_LIMIT_NS.
@@ -60,8 +67,23 @@ public:
             }
         }
         m_highest = m_any ? std::max(m_highest, sequence) : sequence;
+        const std::int64_t now = nowNs();
+        if (!m_any) {
+            m_firstNs = now;
+        }
         m_any = true;
-        m_lastNs = nowNs();
+        m_lastNs = now;
+    }
+
+    // Distinct messages per second between the first and the last arrival;
+    // 0 with fewer than two arrivals.
+    double deliveredPerSecond() const
+    {
+        const std::int64_t span = m_lastNs - m_firstNs;
+        if (m_distinct < 2 || span <= 0) {
+            return 0;
+        }
+        return static_cast<double>(m_distinct - 1) / (static_cast<double>(span) / 1e9);
     }
 
     // Distinct numbers below sent that arrived.
@@ -101,23 +123,63 @@ public:
     std::uint64_t m_damaged = 0;
     std::uint64_t m_highest = 0;
     bool m_any = false;
+    std::int64_t m_firstNs = 0;
     std::atomic<std::int64_t> m_lastNs{0};
+};
+
+// One stream: a rate (0 unpaced) for some seconds, or count messages
+// unpaced when count is above 0.
+struct StreamPlan {
+    double rate;
+    double seconds;
+    long count;
+    Pacing pacing;
+
+    // The peer arguments that say so.
+    std::vector<std::string> peerArgs() const
+    {
+        return {"rate=" + std::to_string(static_cast<long>(rate)), "seconds=" + std::to_string(seconds),
+                "count=" + std::to_string(count), "size=" + std::to_string(MESSAGE_SIZE),
+                std::string("pacing=") + pacingName(pacing)};
+    }
+
+    // The longest the sender may take before it counts as stuck: a counted
+    // stream may run as slowly as 10,000 msgs/s.
+    int deadlineMs() const
+    {
+        return static_cast<int>(count > 0 ? static_cast<double>(count) / 10.0 : seconds * 1000) + 30000;
+    }
 };
 
 struct StreamResult {
     std::uint64_t sent = 0;
     std::uint64_t failed = 0;
     double elapsedUs = 0;
+    int receiveBuffer = -1;  // SO_RCVBUF of the receiving socket, as the kernel reports it
+    int sendBuffer = -1;     // SO_SNDBUF of the sending socket
 };
 
+// "sndbuf=<n>" from a stream peer's READY line; -1 when absent.
+int sendBufferOf(const std::string& ready)
+{
+    int value = -1;
+    return std::sscanf(ready.c_str(), "sndbuf=%d", &value) == 1 ? value : -1;
+}
+
+std::vector<std::string> concat(std::vector<std::string> head, const std::vector<std::string>& tail)
+{
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
 // Lets the peer stream, waits for its report, then for the drain.
-StreamResult driveStream(PeerProcess& peer, SequenceTracker& tracker, double seconds, const std::string& what)
+StreamResult driveStream(PeerProcess& peer, SequenceTracker& tracker, const StreamPlan& plan, const std::string& what)
 {
     if (!peer.send("GO")) {
         throw ScenarioFailure(what + ": cannot start the stream");
     }
     std::string done;
-    if (!peer.expect("DONE", static_cast<int>(seconds * 1000) + 30000, done)) {
+    if (!peer.expect("DONE", plan.deadlineMs(), done)) {
         failWithoutReply(peer, what);
     }
     StreamResult result;
@@ -139,9 +201,9 @@ StreamResult driveStream(PeerProcess& peer, SequenceTracker& tracker, double sec
     return result;
 }
 
-StreamResult libraryStream(double rate, double seconds, Pacing pacing, SequenceTracker& tracker)
+StreamResult libraryStream(const StreamPlan& plan, SequenceTracker& tracker)
 {
-    CommsChannel receiver(uniqueName("d-rx"));
+    CommsChannel receiver(uniqueName("stream-rx"));
     std::thread application([&] {
         std::string data;
         while (receiver.receiveMsg(data) == 1) {
@@ -153,12 +215,16 @@ StreamResult libraryStream(double rate, double seconds, Pacing pacing, SequenceT
     PeerProcess peer;
     StreamResult result;
     try {
+        std::string ready;
         startPeer(peer,
-                  {"lib-stream", "name=" + uniqueName("d-tx"), "target=" + receiver.channelName(),
-                   "rate=" + std::to_string(static_cast<long>(rate)), "seconds=" + std::to_string(seconds),
-                   "size=" + std::to_string(MESSAGE_SIZE), std::string("pacing=") + pacingName(pacing)},
-                  READY_TIMEOUT_MS, nullptr);
-        result = driveStream(peer, tracker, seconds, "d library stream");
+                  concat({"lib-stream", "name=" + uniqueName("stream-tx"), "target=" + receiver.channelName()},
+                         plan.peerArgs()),
+                  READY_TIMEOUT_MS, &ready);
+        // The peer's first send resolved the receiver: the resolver knows it.
+        const int receiveBuffer = channelSocketOption(receiver.channelName(), SO_RCVBUF);
+        result = driveStream(peer, tracker, plan, "library stream");
+        result.receiveBuffer = receiveBuffer;
+        result.sendBuffer = sendBufferOf(ready);
     } catch (...) {
         receiver.shutdown();
         application.join();
@@ -170,17 +236,22 @@ StreamResult libraryStream(double rate, double seconds, Pacing pacing, SequenceT
     return result;
 }
 
-StreamResult udpStream(double rate, double seconds, Pacing pacing, SequenceTracker& tracker)
+StreamResult udpStream(const StreamPlan& plan, SequenceTracker& tracker)
 {
-    const int fd = openUdpSocket(65535);
+    const int fd = openUdpSocket(SOCKET_BUFFER_BYTES);
     if (fd < 0) {
-        throw ScenarioFailure("d: no UDP socket");
+        throw ScenarioFailure("no UDP socket");
     }
     std::atomic<bool> stop{false};
     std::thread application([&] {
+        // One recv per datagram while any is queued; poll only when none is,
+        // so that the reader makes no more system calls than it must.
         char buffer[2048];
         while (!stop) {
-            const long n = udpReceive(fd, buffer, sizeof buffer, 50, nullptr);
+            long n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (n < 0) {
+                n = udpReceive(fd, buffer, sizeof buffer, 50, nullptr);
+            }
             if (n >= 0) {
                 tracker.note(buffer, static_cast<std::size_t>(n));
             }
@@ -189,12 +260,12 @@ StreamResult udpStream(double rate, double seconds, Pacing pacing, SequenceTrack
     PeerProcess peer;
     StreamResult result;
     try {
-        startPeer(peer,
-                  {"udp-stream", "port=" + std::to_string(udpPort(fd)),
-                   "rate=" + std::to_string(static_cast<long>(rate)), "seconds=" + std::to_string(seconds),
-                   "size=" + std::to_string(MESSAGE_SIZE), std::string("pacing=") + pacingName(pacing)},
-                  READY_TIMEOUT_MS, nullptr);
-        result = driveStream(peer, tracker, seconds, "d UDP stream");
+        std::string ready;
+        startPeer(peer, concat({"udp-stream", "port=" + std::to_string(udpPort(fd))}, plan.peerArgs()),
+                  READY_TIMEOUT_MS, &ready);
+        result = driveStream(peer, tracker, plan, "UDP stream");
+        result.receiveBuffer = socketOption(fd, SO_RCVBUF);
+        result.sendBuffer = sendBufferOf(ready);
     } catch (...) {
         stop = true;
         application.join();
@@ -208,8 +279,26 @@ StreamResult udpStream(double rate, double seconds, Pacing pacing, SequenceTrack
     return result;
 }
 
-void addStream(Report& report, const std::string& scenario, Side side, int rep, const StreamResult& result,
-               const SequenceTracker& tracker)
+// The socket buffers of both ends, under "<id> socket buffers": the same
+// figure on both sides shows that the baseline's sockets are as small as
+// the library's. A buffer that could not be read is left out.
+void addBuffers(Report& report, const std::string& id, Side side, int rep, const StreamResult& result)
+{
+    const std::string scenario = id + " socket buffers";
+    if (result.receiveBuffer > 0) {
+        report.add(id, scenario, "receiver SO_RCVBUF B", side, rep, result.receiveBuffer);
+    } else {
+        std::fprintf(stderr, "%s: the receiving socket's buffer could not be read\n", scenario.c_str());
+    }
+    if (result.sendBuffer > 0) {
+        report.add(id, scenario, "sender SO_SNDBUF B", side, rep, result.sendBuffer);
+    } else {
+        std::fprintf(stderr, "%s: the sending socket's buffer could not be read\n", scenario.c_str());
+    }
+}
+
+// Throws when the stream cannot be judged; answers the lost count.
+std::uint64_t checkStream(const std::string& scenario, const StreamResult& result, const SequenceTracker& tracker)
 {
     if (tracker.m_damaged != 0) {
         throw ScenarioFailure(scenario + ": " + std::to_string(tracker.m_damaged) + " damaged messages");
@@ -217,7 +306,18 @@ void addStream(Report& report, const std::string& scenario, Side side, int rep, 
     if (result.sent == 0) {
         throw ScenarioFailure(scenario + ": nothing was sent");
     }
-    const std::uint64_t lost = result.sent - tracker.receivedBelow(result.sent);
+    if (result.failed != 0) {
+        std::fprintf(stderr, "%s: %" PRIu64 " sends failed at the sender (counted as lost)\n", scenario.c_str(),
+                     result.failed);
+    }
+    return result.sent - tracker.receivedBelow(result.sent);
+}
+
+void addStream(Report& report, const std::string& scenario, Side side, int rep, const StreamResult& result,
+               const SequenceTracker& tracker)
+{
+    const std::uint64_t lost = checkStream(scenario, result, tracker);
+    addBuffers(report, "d", side, rep, result);
     report.add("d", scenario, "loss %", side, rep, 100.0 * static_cast<double>(lost) / static_cast<double>(result.sent));
     std::uint64_t runs = 0;
     std::uint64_t longest = 0;
@@ -227,10 +327,17 @@ void addStream(Report& report, const std::string& scenario, Side side, int rep, 
     report.add("d", scenario, "reordered+dup", side, rep,
                static_cast<double>(tracker.m_reordered + tracker.m_duplicated));
     report.add("d", scenario, "sent msgs/s", side, rep, static_cast<double>(result.sent) / (result.elapsedUs / 1e6));
-    if (result.failed != 0) {
-        std::fprintf(stderr, "%s: %" PRIu64 " sends failed at the sender (counted as lost)\n", scenario.c_str(),
-                     result.failed);
-    }
+}
+
+void addCountedStream(Report& report, const std::string& scenario, Side side, int rep, const StreamResult& result,
+                      const SequenceTracker& tracker)
+{
+    const std::uint64_t lost = checkStream(scenario, result, tracker);
+    addBuffers(report, "h", side, rep, result);
+    report.add("h", scenario, "delivered msgs/s", side, rep, tracker.deliveredPerSecond());
+    report.add("h", scenario, "loss %", side, rep,
+               100.0 * static_cast<double>(lost) / static_cast<double>(result.sent));
+    report.add("h", scenario, "sent msgs/s", side, rep, static_cast<double>(result.sent) / (result.elapsedUs / 1e6));
 }
 
 }  // namespace
@@ -244,16 +351,36 @@ void runStreams(Context& context)
             const std::string scenario =
                 rate > 0 ? "d stream 64 B @" + std::to_string(static_cast<long>(rate / 1000)) + "k/s"
                          : "d stream 64 B unpaced";
+            const StreamPlan plan{rate, seconds, 0, context.options.pacing};
             {
                 SequenceTracker tracker;
-                const StreamResult result = libraryStream(rate, seconds, context.options.pacing, tracker);
+                const StreamResult result = libraryStream(plan, tracker);
                 addStream(context.report, scenario, Side::LIBRARY, rep, result, tracker);
             }
             {
                 SequenceTracker tracker;
-                const StreamResult result = udpStream(rate, seconds, context.options.pacing, tracker);
+                const StreamResult result = udpStream(plan, tracker);
                 addStream(context.report, scenario, Side::BASELINE, rep, result, tracker);
             }
+        }
+    }
+}
+
+void runUnpacedCount(Context& context)
+{
+    const long count = context.options.streamCount;
+    const StreamPlan plan{0, 0, count, Pacing::SLEEP};
+    const std::string scenario = "h unpaced 64 B x " + std::to_string(count);
+    for (int rep = 1; rep <= context.options.reps; ++rep) {
+        {
+            SequenceTracker tracker;
+            const StreamResult result = libraryStream(plan, tracker);
+            addCountedStream(context.report, scenario, Side::LIBRARY, rep, result, tracker);
+        }
+        {
+            SequenceTracker tracker;
+            const StreamResult result = udpStream(plan, tracker);
+            addCountedStream(context.report, scenario, Side::BASELINE, rep, result, tracker);
         }
     }
 }

@@ -53,6 +53,9 @@ const Entry SCENARIOS[] = {
     {'e', "1 MiB and 64 MiB closed loop", runLargeMessages},
     {'f', "round trips with idle channels open", runIdleChannels},
     {'g', "first send of a fresh process", runFirstSend},
+    {'h', "unpaced stream of a fixed count, delivered msgs/s", runUnpacedCount},
+    {'i', "round trip by request id beside the plain one", runByIdAgainstPlain},
+    {'j', "first send of a child forked by a parent without the library", runForkedFirstSend},
 };
 
 // Generous limits: the watchdog is there for hangs, not for slowness.
@@ -60,6 +63,9 @@ int deadlineSeconds(char id, const Options& options)
 {
     if (options.smoke) {
         return 90;
+    }
+    if (id == 'h') {
+        return 300 + options.reps * 60 + options.streamCount / 1000;
     }
     if (id == 'd') {
         return 300 + static_cast<int>(options.reps * 8 * (options.streamSeconds + 10));
