@@ -2,7 +2,7 @@
 # (find_package(CommsChannel CONFIG)) and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
-set(_cc_libraries CommsChannel VireoException TarnOSWrapper CommsChannelMessage CommsChannelIntr)
+set(_cc_libraries CommsChannel VireoException TarnOSWrapper CommsChannelNet CommsChannelMessage CommsChannelIntr)
 install(TARGETS ${_cc_libraries}
     EXPORT CommsChannelTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -13,6 +13,7 @@ file(GLOB _cc_public_headers
     ${PROJECT_SOURCE_DIR}/include/*.h
     ${PROJECT_SOURCE_DIR}/platform/exception/*.h
     ${PROJECT_SOURCE_DIR}/platform/os/*.h
+    ${PROJECT_SOURCE_DIR}/platform/net/*.h
     ${PROJECT_SOURCE_DIR}/platform/intr/*.h
     ${PROJECT_SOURCE_DIR}/platform/message/CommsChannel*.h
     ${PROJECT_SOURCE_DIR}/platform/message/VireoThreadPriority.h)

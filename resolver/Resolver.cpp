@@ -7,6 +7,7 @@
 #include "CommsChannelPortResponseMessage.h"
 #include "CommsChannelRegisterLocatorMessage.h"
 #include "ResolverLog.h"
+#include "WireHeader.h"
 
 #include <cstdint>
 #include <cstring>
@@ -23,15 +24,11 @@ const long long DROPPED_LOG_INTERVAL_MS = 1000;
 // A process that died with hundreds of names gets one line, not a page.
 const std::size_t NAMES_PER_LINE = 20;
 
-// Every encoding starts with the 8-byte header that CommsChannelMessage.h
-// describes: magic, version, type code (byte 3) and the encoding's total
-// length as a 32-bit integer in host order (bytes 4 to 7). The message
-// classes check all of it; the resolver reads the type and the length only
-// to refuse, before any decoding, a datagram that is not exactly one
-// encoding of a type it handles.
-const std::size_t HEADER_SIZE = 8;
+// Every encoding starts with the 8-byte header of WireHeader.h. The message
+// classes check all of it; the resolver reads the type (byte 3) and the
+// length only to refuse, before any decoding, a datagram that is not exactly
+// one encoding of a type it handles.
 const std::size_t TYPE_OFFSET = 3;
-const std::size_t LENGTH_OFFSET = 4;
 const std::size_t MAX_DATAGRAM_BYTES = 65535;
 
 // Why a datagram cannot be one whole encoding, or null when it can.
@@ -40,11 +37,10 @@ const char* framingProblem(const char* bytes, std::size_t length)
     if (length > MAX_DATAGRAM_BYTES) {
         return "longer than any datagram";
     }
-    if (bytes == nullptr || length < HEADER_SIZE) {
+    if (bytes == nullptr || length < wire_header::SIZE) {
         return "shorter than a message header";
     }
-    std::uint32_t declared = 0;
-    std::memcpy(&declared, bytes + LENGTH_OFFSET, sizeof declared);
+    const std::uint32_t declared = wire_header::totalLength(bytes);
     if (declared > length) {
         return "truncated message";
     }

@@ -82,7 +82,9 @@ std::string resolverUsage()
            "                         (default " +
            std::string(DEFAULT_STATE_FILE) +
            ")\n"
-           "      --port N           listen on 127.0.0.1 port N (default 5000)\n"
+           "      --port N           listen on 127.0.0.1 port N (default " +
+           std::to_string(COMMSCHANNEL_RESOLVER_PORT) +
+           ")\n"
            "      --list             print the channels that the running resolver knows\n"
            "                         (name, port, owning process) and exit\n"
            "\n"
