@@ -1,6 +1,7 @@
 #include "Threader.h"
 
 #include "CheckedCall.h"
+#include "Mutex.h"
 
 #include <pthread.h>
 
@@ -11,29 +12,32 @@
 
 namespace {
 
-// Threads started by spawn and not yet released. joining marks a thread that
-// some caller is joining right now; others wait on joinDone until it is gone.
-// serial tells records of the same id apart: the system may give a joined
-// thread's id to a new thread before its joiner has removed the old record.
+// A thread started by spawn and not yet released. joining marks a thread
+// that some caller is joining right now; others wait on joinDone until it is
+// gone. serial tells records of the same id apart: the system may give a
+// joined thread's id to a new thread before its joiner has removed the old
+// record.
 struct ThreadRecord {
     bool joining = false;
     unsigned long long serial = 0;
 };
-unsigned long long lastSerial = 0;  // guarded by registryMutex
 
-// Never destroyed: a thread may still be ending while the process exits.
-pthread_mutex_t registryMutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t joinDone = PTHREAD_COND_INITIALIZER;
-std::map<unsigned long, ThreadRecord>& registry()
+// The threads of the process that spawn started and nobody has released
+// yet, with the lock that guards them.
+struct ThreadRegistry {
+    Mutex mutex;
+    ConditionVariable joinDone;  // waits on mutex
+    unsigned long long lastSerial = 0;              // guarded by mutex
+    std::map<unsigned long, ThreadRecord> records;  // guarded by mutex
+};
+
+// One per process, never destroyed: a thread may still be ending while the
+// process exits.
+ThreadRegistry& registry()
 {
-    static std::map<unsigned long, ThreadRecord>* threads =
-        new std::map<unsigned long, ThreadRecord>();
-    return *threads;
+    static ThreadRegistry* const instance = new ThreadRegistry();
+    return *instance;
 }
-
-void lockRegistry() { platform_check::abortOnError(pthread_mutex_lock(&registryMutex), "pthread_mutex_lock"); }
-
-void unlockRegistry() { platform_check::abortOnError(pthread_mutex_unlock(&registryMutex), "pthread_mutex_unlock"); }
 
 struct StartRecord {
     Threader::EntryFunction entry;
@@ -91,15 +95,16 @@ void initAttributes(pthread_attr_t* attributes, int stackSize)
 }
 
 // Records a thread that has just been created.
-// REQUIRES: registryMutex is held.
+// REQUIRES: registry().mutex is held.
 void recordThread(unsigned long id)
 {
     // A record already under this id belongs to a thread that has been
     // joined (that is when an id is given out again) but whose joiner has
     // not yet removed it: it is replaced, and its joiner leaves this one be.
+    ThreadRegistry& threads = registry();
     ThreadRecord record;
-    record.serial = ++lastSerial;
-    registry()[id] = record;
+    record.serial = ++threads.lastSerial;
+    threads.records[id] = record;
 }
 
 // Marks threadId as being joined by the caller and returns its record's
@@ -107,37 +112,34 @@ void recordThread(unsigned long id)
 // join (never started here, or already joined and released).
 unsigned long long claimJoin(unsigned long threadId)
 {
-    lockRegistry();
-    unsigned long long serial = 0;
+    ThreadRegistry& threads = registry();
+    ScopedLock hold(threads.mutex);
     for (;;) {
-        std::map<unsigned long, ThreadRecord>::iterator it = registry().find(threadId);
-        if (it == registry().end()) {
-            break;
+        std::map<unsigned long, ThreadRecord>::iterator it = threads.records.find(threadId);
+        if (it == threads.records.end()) {
+            return 0;
         }
         if (!it->second.joining) {
             it->second.joining = true;
-            serial = it->second.serial;
-            break;
+            return it->second.serial;
         }
-        platform_check::abortOnError(pthread_cond_wait(&joinDone, &registryMutex), "pthread_cond_wait");
+        threads.joinDone.wait(threads.mutex);
     }
-    unlockRegistry();
-    return serial;
 }
 
 // Drops the record claimJoin() marked, and wakes the callers that wait to
 // join the same id.
 void releaseJoin(unsigned long threadId, unsigned long long serial)
 {
-    lockRegistry();
+    ThreadRegistry& threads = registry();
+    ScopedLock hold(threads.mutex);
     // Only this thread's own record: between the join and this point the id
     // may already name a newly spawned thread, whose record must stay.
-    std::map<unsigned long, ThreadRecord>::iterator it = registry().find(threadId);
-    if (it != registry().end() && it->second.serial == serial) {
-        registry().erase(it);
+    std::map<unsigned long, ThreadRecord>::iterator it = threads.records.find(threadId);
+    if (it != threads.records.end() && it->second.serial == serial) {
+        threads.records.erase(it);
     }
-    platform_check::abortOnError(pthread_cond_broadcast(&joinDone), "pthread_cond_broadcast");
-    unlockRegistry();
+    threads.joinDone.broadcast();
 }
 
 }  // namespace
@@ -159,27 +161,27 @@ int Threader::spawn(unsigned long* threadIdOut, EntryFunction entry, void* argum
     initAttributes(&attributes, stackSize);
     StartRecord* start = new StartRecord{entry, argument, name};
 
-    // The registry lock is held across pthread_create so that the id is
-    // stored and recorded before anyone can look for it.
-    lockRegistry();
     pthread_t thread;
-    const int rc = pthread_create(&thread, &attributes, threadMain, start);
-    platform_check::abortOnError(pthread_attr_destroy(&attributes), "pthread_attr_destroy");
-    if (rc != 0) {
-        // Running out of threads or memory is not a programming error: the
-        // caller learns of it from the result.
-        unlockRegistry();
-        delete start;
-        errno = rc;
-        perror("Threader::spawn pthread_create");
-        return 0;
+    {
+        // The registry lock is held across pthread_create so that the id is
+        // stored and recorded before anyone can look for it.
+        ScopedLock hold(registry().mutex);
+        const int rc = pthread_create(&thread, &attributes, threadMain, start);
+        platform_check::abortOnError(pthread_attr_destroy(&attributes), "pthread_attr_destroy");
+        if (rc != 0) {
+            // Running out of threads or memory is not a programming error:
+            // the caller learns of it from the result.
+            delete start;
+            errno = rc;
+            perror("Threader::spawn pthread_create");
+            return 0;
+        }
+        const unsigned long id = static_cast<unsigned long>(thread);
+        recordThread(id);
+        if (threadIdOut != nullptr) {
+            *threadIdOut = id;
+        }
     }
-    const unsigned long id = static_cast<unsigned long>(thread);
-    recordThread(id);
-    if (threadIdOut != nullptr) {
-        *threadIdOut = id;
-    }
-    unlockRegistry();
 
     // Deliberately unchecked: naming fails when the thread has already
     // ended, which is no fault, and the name only helps debuggers.
