@@ -15,7 +15,7 @@ int runList(const CliOptions& options)
 {
     std::map<std::string, int> channels;
     std::string error;
-    if (!resolver::fetchChannels(RESOLVER_PORT, &channels, &error)) {
+    if (!resolver::fetchChannels(COMMSCHANNEL_RESOLVER_PORT, &channels, &error)) {
         return fail(COMMAND_LIST, error);
     }
     // withOwners keeps the map's order, which is the names' byte order.

@@ -1,8 +1,8 @@
 #include "CliOptions.h"
 
-#include <cerrno>
+#include "CommandLine.h"
+
 #include <climits>
-#include <cstdlib>
 #include <vector>
 
 namespace cli {
@@ -36,20 +36,6 @@ const CommandInfo* findCommand(const std::string& name)
     return nullptr;
 }
 
-// A decimal number in minimum..maximum and nothing else.
-bool parseNumber(const std::string& text, long long minimum, long long maximum, long long* value)
-{
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 18) {
-        return false;
-    }
-    const long long parsed = std::strtoll(text.c_str(), nullptr, 10);
-    if (parsed < minimum || parsed > maximum) {
-        return false;
-    }
-    *value = parsed;
-    return true;
-}
-
 // The option letter of an argument, or 0 when it is no option we know.
 char optionLetter(const std::string& argument)
 {
@@ -77,7 +63,7 @@ bool setValue(char letter, const std::string& option, const std::string& value, 
     long long number = 0;
     switch (letter) {
     case 'y':
-        if (!parseNumber(value, 0, INT_MAX, &number)) {
+        if (!command_line::parseDecimal(value, 0, INT_MAX, &number)) {
             *error = "option " + option + " needs a message type from 0 to " + std::to_string(INT_MAX) +
                      ", not \"" + value + "\"";
             return false;
@@ -85,7 +71,7 @@ bool setValue(char letter, const std::string& option, const std::string& value, 
         options->msgType = static_cast<int>(number);
         return true;
     case 'i':
-        if (!parseNumber(value, 0, LONG_MAX, &number)) {
+        if (!command_line::parseDecimal(value, 0, LONG_MAX, &number)) {
             *error = "option " + option + " needs a request id from 0 to " + std::to_string(LONG_MAX) + ", not \"" +
                      value + "\"";
             return false;
@@ -94,7 +80,7 @@ bool setValue(char letter, const std::string& option, const std::string& value, 
         return true;
     case 't': {
         const long long minimum = options->command == COMMAND_WAIT ? 0 : 1;
-        if (!parseNumber(value, minimum, INT_MAX, &number)) {
+        if (!command_line::parseDecimal(value, minimum, INT_MAX, &number)) {
             *error = "option " + option + " needs milliseconds from " + std::to_string(minimum) + " to " +
                      std::to_string(INT_MAX) + ", not \"" + value + "\"";
             return false;
@@ -103,7 +89,7 @@ bool setValue(char letter, const std::string& option, const std::string& value, 
         return true;
     }
     case 'n':
-        if (!parseNumber(value, 1, LONG_MAX, &number)) {
+        if (!command_line::parseDecimal(value, 1, LONG_MAX, &number)) {
             *error = "option " + option + " needs a count of at least 1, not \"" + value + "\"";
             return false;
         }
@@ -114,64 +100,36 @@ bool setValue(char letter, const std::string& option, const std::string& value, 
     }
 }
 
-bool parseCommandArguments(const CommandInfo& info, int first, int argc, const char* const* argv,
-                           CliOptions* options, std::string* error)
+// Reads the option at argv[*index], and its value when it takes one (which
+// may advance *index past it).
+bool parseOption(const CommandInfo& info, int argc, const char* const* argv, int* index, CliOptions* options,
+                 std::string* error)
 {
-    std::vector<std::string> operands;
-    bool optionsEnded = false;
-    for (int index = first; index < argc; ++index) {
-        std::string argument = argv[index];
-        if (optionsEnded || argument == "-" || argument.empty() || argument[0] != '-') {
-            operands.push_back(argument);
-            continue;
-        }
-        if (argument == "--") {
-            optionsEnded = true;
-            continue;
-        }
-        if (argument == "-h" || argument == "--help") {
-            options->help = true;
-            continue;
-        }
-        std::string value;
-        bool hasValue = false;
-        const std::size_t equals = argument.find('=');
-        if (argument.compare(0, 2, "--") == 0 && equals != std::string::npos) {
-            value = argument.substr(equals + 1);
-            argument.erase(equals);
-            hasValue = true;
-        }
-        const char letter = optionLetter(argument);
-        if (letter == 0) {
-            *error = "unknown option " + argument;
-            return false;
-        }
-        if (std::string(info.options).find(letter) == std::string::npos) {
-            *error = std::string(info.name) + " takes no option " + argument;
-            return false;
-        }
-        if (letter == 'j') {
-            if (hasValue) {
-                *error = "option " + argument + " takes no value";
-                return false;
-            }
-            options->json = true;
-            continue;
-        }
-        if (!hasValue) {
-            if (index + 1 >= argc) {
-                *error = "option " + argument + " needs a value";
-                return false;
-            }
-            value = argv[++index];
-        }
-        if (!setValue(letter, argument, value, options, error)) {
-            return false;
-        }
+    command_line::OptionArgument argument = command_line::splitOption(argv[*index]);
+    const char letter = optionLetter(argument.option);
+    if (letter == 0) {
+        *error = "unknown option " + argument.option;
+        return false;
     }
-    if (options->help) {
+    if (std::string(info.options).find(letter) == std::string::npos) {
+        *error = std::string(info.name) + " takes no option " + argument.option;
+        return false;
+    }
+    if (letter == 'j') {
+        if (!command_line::refuseValue(argument, error)) {
+            return false;
+        }
+        options->json = true;
         return true;
     }
+    return command_line::takeValue(argc, argv, index, &argument, error) &&
+           setValue(letter, argument.option, argument.value, options, error);
+}
+
+// Checks the operands against what the subcommand needs and stores them.
+bool assignOperands(const CommandInfo& info, const std::vector<std::string>& operands, CliOptions* options,
+                    std::string* error)
+{
     if (static_cast<int>(operands.size()) > info.operands) {
         *error = "unexpected argument \"" + operands[static_cast<std::size_t>(info.operands)] + "\"";
         return false;
@@ -192,6 +150,121 @@ bool parseCommandArguments(const CommandInfo& info, int first, int argc, const c
         options->dataFromStdin = options->data == "-";
     }
     return true;
+}
+
+bool parseCommandArguments(const CommandInfo& info, int first, int argc, const char* const* argv,
+                           CliOptions* options, std::string* error)
+{
+    std::vector<std::string> operands;
+    bool optionsEnded = false;
+    for (int index = first; index < argc; ++index) {
+        const std::string argument = argv[index];
+        if (optionsEnded || argument == "-" || argument.empty() || argument[0] != '-') {
+            operands.push_back(argument);
+        } else if (argument == "--") {
+            optionsEnded = true;
+        } else if (argument == "-h" || argument == "--help") {
+            options->help = true;
+        } else if (!parseOption(info, argc, argv, &index, options, error)) {
+            return false;
+        }
+    }
+    // With --help the operands may be missing; the help is all that is asked.
+    return options->help || assignOperands(info, operands, options, error);
+}
+
+const char* listUsage()
+{
+    return "Usage: commschannel list [-j]\n"
+           "Prints every channel name the resolver knows, sorted by name: its port, the\n"
+           "pid and name of the process holding the port, the bytes waiting in the\n"
+           "socket's receive buffer and the datagrams the kernel dropped on it.\n"
+           "\n"
+           "  -j, --json   one JSON object a line: name, port, pid, process,\n"
+           "               rx_queue_bytes, drops (pid 0 and process \"\" when unknown)\n"
+           "  -h, --help   print this help\n"
+           "\n"
+           "Exit status: 0 listed, 1 no resolver answered, 2 bad command line.\n";
+}
+
+const char* sendUsage()
+{
+    return "Usage: commschannel send NAME DATA [--type N] [--id N]\n"
+           "Sends one data message to the channel NAME from a temporary channel.\n"
+           "DATA is the argument itself, or standard input when DATA is -.\n"
+           "\n"
+           "      --type N   the message type (default 0); it sets the message's\n"
+           "                 priority in the receiving queue\n"
+           "      --id N     the request id (default 0: none)\n"
+           "  -h, --help     print this help\n"
+           "\n"
+           "Exit status: 0 sent, 1 NAME unknown, no resolver or the send failed,\n"
+           "2 bad command line.\n";
+}
+
+const char* callUsage()
+{
+    return "Usage: commschannel call NAME DATA [--type N] [-t MS] [-j]\n"
+           "Sends DATA to the channel NAME with a fresh request id and this command's\n"
+           "own channel as callback channel, waits for the reply carrying that request\n"
+           "id and prints the reply's data followed by a newline. DATA is the argument,\n"
+           "or standard input when DATA is -.\n"
+           "\n"
+           "      --type N        the message type of the request (default 0)\n"
+           "  -t, --timeout MS    how long to wait for the reply (default 5000)\n"
+           "  -j, --json          print the reply as a JSON object: source, type,\n"
+           "                      request_id, data\n"
+           "  -h, --help          print this help\n"
+           "\n"
+           "Exit status: 0 replied, 1 NAME unknown, no resolver, the send failed or no\n"
+           "reply within the time-out, 2 bad command line.\n";
+}
+
+const char* listenUsage()
+{
+    return "Usage: commschannel listen NAME [-n COUNT] [-j]\n"
+           "Creates a channel named NAME and prints every message that arrives: source,\n"
+           "type, request id, length and data (bytes outside printable ASCII escaped\n"
+           "as \\xNN). Stops after COUNT messages, or on SIGINT or SIGTERM.\n"
+           "\n"
+           "  -n, --count COUNT   stop after COUNT messages\n"
+           "  -j, --json          one JSON object a line: source, callback, type,\n"
+           "                      request_id, length, data\n"
+           "  -h, --help          print this help\n"
+           "\n"
+           "Exit status: 0 stopped as asked, 1 no resolver, 2 bad command line.\n";
+}
+
+const char* waitUsage()
+{
+    return "Usage: commschannel wait NAME [-t MS]\n"
+           "Waits until the resolver knows the channel NAME; returns at once if it\n"
+           "already does. Also waits for a resolver that is still starting.\n"
+           "\n"
+           "  -t, --timeout MS   how long to wait (default 10000; 0 asks once)\n"
+           "  -h, --help         print this help\n"
+           "\n"
+           "Exit status: 0 NAME is registered, 1 time-out, 2 bad command line.\n";
+}
+
+const char* overviewUsage()
+{
+    return "Usage: commschannel COMMAND [ARGUMENT]...\n"
+           "Looks at and talks to the CommsChannel channels of this host.\n"
+           "\n"
+           "Commands:\n"
+           "  list                         the names the resolver knows, with their\n"
+           "                               processes and socket queues\n"
+           "  send NAME DATA               send one message\n"
+           "  call NAME DATA               send a request and print the reply\n"
+           "  listen NAME                  create a channel and print what arrives\n"
+           "  wait NAME                    wait until a name is registered\n"
+           "\n"
+           "  -h, --help                   print this help (or COMMAND --help)\n"
+           "      --version                print the version\n"
+           "\n"
+           "Exit status: 0 done, 1 what was asked did not happen (time-out, unknown\n"
+           "name, no resolver), 2 bad command line.\n";
 }
 
 }  // namespace
@@ -236,83 +309,19 @@ std::string cliUsage(Command command)
 {
     switch (command) {
     case COMMAND_LIST:
-        return "Usage: commschannel list [-j]\n"
-               "Prints every channel name the resolver knows, sorted by name: its port, the\n"
-               "pid and name of the process holding the port, the bytes waiting in the\n"
-               "socket's receive buffer and the datagrams the kernel dropped on it.\n"
-               "\n"
-               "  -j, --json   one JSON object a line: name, port, pid, process,\n"
-               "               rx_queue_bytes, drops (pid 0 and process \"\" when unknown)\n"
-               "  -h, --help   print this help\n"
-               "\n"
-               "Exit status: 0 listed, 1 no resolver answered, 2 bad command line.\n";
+        return listUsage();
     case COMMAND_SEND:
-        return "Usage: commschannel send NAME DATA [--type N] [--id N]\n"
-               "Sends one data message to the channel NAME from a temporary channel.\n"
-               "DATA is the argument itself, or standard input when DATA is -.\n"
-               "\n"
-               "      --type N   the message type (default 0); it sets the message's\n"
-               "                 priority in the receiving queue\n"
-               "      --id N     the request id (default 0: none)\n"
-               "  -h, --help     print this help\n"
-               "\n"
-               "Exit status: 0 sent, 1 NAME unknown, no resolver or the send failed,\n"
-               "2 bad command line.\n";
+        return sendUsage();
     case COMMAND_CALL:
-        return "Usage: commschannel call NAME DATA [--type N] [-t MS] [-j]\n"
-               "Sends DATA to the channel NAME with a fresh request id and this command's\n"
-               "own channel as callback channel, waits for the reply carrying that request\n"
-               "id and prints the reply's data followed by a newline. DATA is the argument,\n"
-               "or standard input when DATA is -.\n"
-               "\n"
-               "      --type N        the message type of the request (default 0)\n"
-               "  -t, --timeout MS    how long to wait for the reply (default 5000)\n"
-               "  -j, --json          print the reply as a JSON object: source, type,\n"
-               "                      request_id, data\n"
-               "  -h, --help          print this help\n"
-               "\n"
-               "Exit status: 0 replied, 1 NAME unknown, no resolver, the send failed or no\n"
-               "reply within the time-out, 2 bad command line.\n";
+        return callUsage();
     case COMMAND_LISTEN:
-        return "Usage: commschannel listen NAME [-n COUNT] [-j]\n"
-               "Creates a channel named NAME and prints every message that arrives: source,\n"
-               "type, request id, length and data (bytes outside printable ASCII escaped\n"
-               "as \\xNN). Stops after COUNT messages, or on SIGINT or SIGTERM.\n"
-               "\n"
-               "  -n, --count COUNT   stop after COUNT messages\n"
-               "  -j, --json          one JSON object a line: source, callback, type,\n"
-               "                      request_id, length, data\n"
-               "  -h, --help          print this help\n"
-               "\n"
-               "Exit status: 0 stopped as asked, 1 no resolver, 2 bad command line.\n";
+        return listenUsage();
     case COMMAND_WAIT:
-        return "Usage: commschannel wait NAME [-t MS]\n"
-               "Waits until the resolver knows the channel NAME; returns at once if it\n"
-               "already does. Also waits for a resolver that is still starting.\n"
-               "\n"
-               "  -t, --timeout MS   how long to wait (default 10000; 0 asks once)\n"
-               "  -h, --help         print this help\n"
-               "\n"
-               "Exit status: 0 NAME is registered, 1 time-out, 2 bad command line.\n";
+        return waitUsage();
     case COMMAND_NONE:
         break;
     }
-    return "Usage: commschannel COMMAND [ARGUMENT]...\n"
-           "Looks at and talks to the CommsChannel channels of this host.\n"
-           "\n"
-           "Commands:\n"
-           "  list                         the names the resolver knows, with their\n"
-           "                               processes and socket queues\n"
-           "  send NAME DATA               send one message\n"
-           "  call NAME DATA               send a request and print the reply\n"
-           "  listen NAME                  create a channel and print what arrives\n"
-           "  wait NAME                    wait until a name is registered\n"
-           "\n"
-           "  -h, --help                   print this help (or COMMAND --help)\n"
-           "      --version                print the version\n"
-           "\n"
-           "Exit status: 0 done, 1 what was asked did not happen (time-out, unknown\n"
-           "name, no resolver), 2 bad command line.\n";
+    return overviewUsage();
 }
 
 }  // namespace cli

@@ -26,9 +26,9 @@ bool resolverKnows(Command command, const std::string& name)
     // A port request for a name nobody uses still gets an answer (port 0),
     // which is all that the bare check needs.
     const std::string asked = name.empty() ? std::string("commschannel-probe") : name;
-    const int port = resolver::queryPort(RESOLVER_PORT, asked, RESOLVER_ANSWER_TIMEOUT_MS);
+    const int port = resolver::queryPort(COMMSCHANNEL_RESOLVER_PORT, asked, RESOLVER_ANSWER_TIMEOUT_MS);
     if (port < 0) {
-        fail(command, "no resolver answered at 127.0.0.1:" + std::to_string(RESOLVER_PORT) + " within " +
+        fail(command, "no resolver answered at 127.0.0.1:" + std::to_string(COMMSCHANNEL_RESOLVER_PORT) + " within " +
                           std::to_string(RESOLVER_ANSWER_TIMEOUT_MS / 1000) + " s (is commschannel-resolver running?)");
         return false;
     }

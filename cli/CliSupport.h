@@ -12,13 +12,13 @@
 
 #include <string>
 
+#include "ResolverPort.h"
+
 class CommsChannel;
 class CommsChannelDataContainerMessage;
 
 namespace cli {
 
-// The library talks to the resolver at this port only.
-const int RESOLVER_PORT = 5000;
 // How long a subcommand gives the resolver to answer one question.
 const int RESOLVER_ANSWER_TIMEOUT_MS = 2000;
 

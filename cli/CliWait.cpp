@@ -11,9 +11,9 @@ int runWait(const CliOptions& options)
 {
     bool found = false;
     if (options.timeoutMs == 0) {
-        found = resolver::queryPort(RESOLVER_PORT, options.name, RESOLVER_ANSWER_TIMEOUT_MS) > 0;
+        found = resolver::queryPort(COMMSCHANNEL_RESOLVER_PORT, options.name, RESOLVER_ANSWER_TIMEOUT_MS) > 0;
     } else {
-        found = resolver::waitForName(RESOLVER_PORT, options.name, options.timeoutMs);
+        found = resolver::waitForName(COMMSCHANNEL_RESOLVER_PORT, options.name, options.timeoutMs);
     }
     if (!found) {
         return fail(COMMAND_WAIT, "\"" + escapeBytes(options.name) + "\" was not registered within " +

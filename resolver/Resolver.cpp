@@ -7,6 +7,7 @@
 #include "CommsChannelPortResponseMessage.h"
 #include "CommsChannelRegisterLocatorMessage.h"
 #include "ResolverLog.h"
+#include "WireHeader.h"
 
 #include <cstdint>
 #include <cstring>
@@ -23,15 +24,11 @@ const long long DROPPED_LOG_INTERVAL_MS = 1000;
 // A process that died with hundreds of names gets one line, not a page.
 const std::size_t NAMES_PER_LINE = 20;
 
-// Every encoding starts with the 8-byte header that CommsChannelMessage.h
-// describes: magic, version, type code (byte 3) and the encoding's total
-// length as a 32-bit integer in host order (bytes 4 to 7). The message
-// classes check all of it; the resolver reads the type and the length only
-// to refuse, before any decoding, a datagram that is not exactly one
-// encoding of a type it handles.
-const std::size_t HEADER_SIZE = 8;
+// Every encoding starts with the 8-byte header of WireHeader.h. The message
+// classes check all of it; the resolver reads the type (byte 3) and the
+// length only to refuse, before any decoding, a datagram that is not exactly
+// one encoding of a type it handles.
 const std::size_t TYPE_OFFSET = 3;
-const std::size_t LENGTH_OFFSET = 4;
 const std::size_t MAX_DATAGRAM_BYTES = 65535;
 
 // Why a datagram cannot be one whole encoding, or null when it can.
@@ -40,11 +37,10 @@ const char* framingProblem(const char* bytes, std::size_t length)
     if (length > MAX_DATAGRAM_BYTES) {
         return "longer than any datagram";
     }
-    if (bytes == nullptr || length < HEADER_SIZE) {
+    if (bytes == nullptr || length < wire_header::SIZE) {
         return "shorter than a message header";
     }
-    std::uint32_t declared = 0;
-    std::memcpy(&declared, bytes + LENGTH_OFFSET, sizeof declared);
+    const std::uint32_t declared = wire_header::totalLength(bytes);
     if (declared > length) {
         return "truncated message";
     }
@@ -255,56 +251,69 @@ std::vector<Outgoing> Resolver::handleUpdate(const CommsChannelLocatorUpdateMess
                        sourcePort);
             continue;
         }
-        if (type == ADDED) {
-            if (port < 1 || port > HIGHEST_PORT) {
-                ignoredRow("registration of " + log::quoted(name) + " at port " + std::to_string(port) +
-                               " (ports are 1 to 65535)",
-                           sourcePort);
-                continue;
-            }
-            const ChannelRecord* previous = m_table.find(name);
-            if (previous != nullptr && previous->ownerPort != sourcePort) {
-                const int previousOwner = previous->ownerPort;
-                const int previousPort = previous->port;
-                log::write(log::LEVEL_NOTICE, "%s taken over by %s at port %d from %s at port %d",
-                           log::quoted(name).c_str(), describe(sourcePort).c_str(), port,
-                           describe(previousOwner).c_str(), previousPort);
-            } else if (log::enabled(log::LEVEL_INFO)) {
-                log::write(log::LEVEL_INFO, "%s registered %s at port %d", describe(sourcePort).c_str(),
-                           log::quoted(name).c_str(), port);
-            }
-            if (m_table.addChannel(name, port, sourcePort)) {
-                m_changed = true;
-            }
-            applied.push_back(UpdateRow{ADDED, name, port});
-            continue;
-        }
-        const ChannelRecord* record = m_table.find(name);
-        if (record == nullptr) {
-            if (log::enabled(log::LEVEL_INFO)) {
-                log::write(log::LEVEL_INFO, "%s withdrew %s, which was not registered; nothing to do",
-                           describe(sourcePort).c_str(), log::quoted(name).c_str());
-            }
-            continue;
-        }
-        if (record->ownerPort != sourcePort) {
-            // A later registration of the name by another process replaced
-            // this one's; its late removal must not withdraw the new owner's.
-            if (log::enabled(log::LEVEL_INFO)) {
-                const int owner = record->ownerPort;
-                log::write(log::LEVEL_INFO, "%s withdrew %s, which %s owns now; ignored",
-                           describe(sourcePort).c_str(), log::quoted(name).c_str(), describe(owner).c_str());
-            }
-            continue;
-        }
-        applied.push_back(UpdateRow{REMOVED, name, record->port});
-        m_table.removeChannel(name);
-        m_changed = true;
-        if (log::enabled(log::LEVEL_INFO)) {
-            log::write(log::LEVEL_INFO, "%s withdrew %s", describe(sourcePort).c_str(), log::quoted(name).c_str());
+        UpdateRow row{};
+        const bool taken = type == ADDED ? applyRegistration(name, port, sourcePort, &row)
+                                         : applyRemoval(name, sourcePort, &row);
+        if (taken) {
+            applied.push_back(row);
         }
     }
     return toAllLocators(applied);
+}
+
+bool Resolver::applyRegistration(const std::string& name, int port, int sourcePort, UpdateRow* applied)
+{
+    if (port < 1 || port > HIGHEST_PORT) {
+        ignoredRow("registration of " + log::quoted(name) + " at port " + std::to_string(port) +
+                       " (ports are 1 to 65535)",
+                   sourcePort);
+        return false;
+    }
+    const ChannelRecord* previous = m_table.find(name);
+    if (previous != nullptr && previous->ownerPort != sourcePort) {
+        const int previousOwner = previous->ownerPort;
+        const int previousPort = previous->port;
+        log::write(log::LEVEL_NOTICE, "%s taken over by %s at port %d from %s at port %d",
+                   log::quoted(name).c_str(), describe(sourcePort).c_str(), port, describe(previousOwner).c_str(),
+                   previousPort);
+    } else if (log::enabled(log::LEVEL_INFO)) {
+        log::write(log::LEVEL_INFO, "%s registered %s at port %d", describe(sourcePort).c_str(),
+                   log::quoted(name).c_str(), port);
+    }
+    if (m_table.addChannel(name, port, sourcePort)) {
+        m_changed = true;
+    }
+    *applied = UpdateRow{ADDED, name, port};
+    return true;
+}
+
+bool Resolver::applyRemoval(const std::string& name, int sourcePort, UpdateRow* applied)
+{
+    const ChannelRecord* record = m_table.find(name);
+    if (record == nullptr) {
+        if (log::enabled(log::LEVEL_INFO)) {
+            log::write(log::LEVEL_INFO, "%s withdrew %s, which was not registered; nothing to do",
+                       describe(sourcePort).c_str(), log::quoted(name).c_str());
+        }
+        return false;
+    }
+    if (record->ownerPort != sourcePort) {
+        // A later registration of the name by another process replaced
+        // this one's; its late removal must not withdraw the new owner's.
+        if (log::enabled(log::LEVEL_INFO)) {
+            const int owner = record->ownerPort;
+            log::write(log::LEVEL_INFO, "%s withdrew %s, which %s owns now; ignored", describe(sourcePort).c_str(),
+                       log::quoted(name).c_str(), describe(owner).c_str());
+        }
+        return false;
+    }
+    *applied = UpdateRow{REMOVED, name, record->port};
+    m_table.removeChannel(name);
+    m_changed = true;
+    if (log::enabled(log::LEVEL_INFO)) {
+        log::write(log::LEVEL_INFO, "%s withdrew %s", describe(sourcePort).c_str(), log::quoted(name).c_str());
+    }
+    return true;
 }
 
 std::vector<Outgoing> Resolver::handlePortRequest(CommsChannelPortRequestMessage& request, int sourcePort)

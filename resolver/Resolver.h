@@ -116,6 +116,10 @@ private:
     std::vector<Outgoing> handleUnregister(int sourcePort);
     std::vector<Outgoing> handleUpdate(const CommsChannelLocatorUpdateMessage& update, int sourcePort);
     std::vector<Outgoing> handlePortRequest(CommsChannelPortRequestMessage& request, int sourcePort);
+    // One row of an update from the locator at sourcePort. Each returns
+    // true, with the row to pass on in *applied, when the table took it.
+    bool applyRegistration(const std::string& name, int port, int sourcePort, UpdateRow* applied);
+    bool applyRemoval(const std::string& name, int sourcePort, UpdateRow* applied);
 
     // Removes the channels owned by ownerPort; appends removal rows.
     void removeOwnedBy(int ownerPort, std::vector<UpdateRow>* removed);

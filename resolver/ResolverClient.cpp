@@ -5,19 +5,17 @@
 #include "CommsChannelPortResponseMessage.h"
 #include "CommsChannelRegisterLocatorMessage.h"
 #include "CommsChannelUnregisterLocatorMessage.h"
+#include "LoopbackSocket.h"
 #include "ResolverClock.h"
 #include "ResolverList.h"
-#include "ResolverPorts.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -30,38 +28,24 @@ const std::size_t RECEIVE_BUFFER_BYTES = 65536;
 
 
 // A socket bound to 127.0.0.1 on a port the kernel chooses, closed when the
-// object goes.
+// object goes, that speaks to the resolver in whole messages.
 class ClientSocket {
 public:
-    ClientSocket() : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), m_port(0)
-    {
-        sockaddr_in address = loopbackAddress(0);
-        socklen_t length = sizeof address;
-        if (m_fd >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-            getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-            m_port = ntohs(address.sin_port);
-        }
-    }
-    ~ClientSocket()
-    {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
+    ClientSocket() : m_error(0) { m_socket = LoopbackSocket::open(0, &m_error); }
     ClientSocket(const ClientSocket&) = delete;
     ClientSocket& operator=(const ClientSocket&) = delete;
 
-    bool ok() const { return m_port != 0; }
-    int port() const { return m_port; }
+    bool ok() const { return m_socket.valid(); }
+    // errno of the failed open when !ok().
+    int error() const { return m_error; }
+    int port() const { return m_socket.port(); }
 
     bool send(int port, CommsChannelMessage& message)
     {
         int length = 0;
         const char* bytes = message.encode(&length);
-        const sockaddr_in destination = loopbackAddress(port);
         return bytes != nullptr && length > 0 &&
-               sendto(m_fd, bytes, static_cast<std::size_t>(length), 0,
-                      reinterpret_cast<const sockaddr*>(&destination), sizeof destination) == length;
+               m_socket.sendTo(port, bytes, static_cast<std::size_t>(length)) == length;
     }
 
     // Waits until deadlineMs for a datagram from fromPort. Returns its
@@ -74,7 +58,7 @@ public:
                 return -1;
             }
             pollfd descriptor;
-            descriptor.fd = m_fd;
+            descriptor.fd = m_socket.fd();
             descriptor.events = POLLIN;
             descriptor.revents = 0;
             if (poll(&descriptor, 1, static_cast<int>(wait)) <= 0) {
@@ -82,7 +66,7 @@ public:
             }
             sockaddr_in source;
             socklen_t sourceLength = sizeof source;
-            const ssize_t received = recvfrom(m_fd, buffer->data(), buffer->size(), MSG_DONTWAIT,
+            const ssize_t received = recvfrom(m_socket.fd(), buffer->data(), buffer->size(), MSG_DONTWAIT,
                                               reinterpret_cast<sockaddr*>(&source), &sourceLength);
             if (received >= 0 && sourceLength >= sizeof source && ntohs(source.sin_port) == fromPort) {
                 return static_cast<long>(received);
@@ -91,8 +75,8 @@ public:
     }
 
 private:
-    int m_fd;
-    int m_port;
+    int m_error;
+    LoopbackSocket m_socket;
 };
 
 }  // namespace
@@ -101,7 +85,7 @@ bool fetchChannels(int resolverPort, std::map<std::string, int>* channels, std::
 {
     ClientSocket client;
     if (!client.ok()) {
-        *error = std::string("cannot open a UDP socket on 127.0.0.1: ") + std::strerror(errno);
+        *error = std::string("cannot open a UDP socket on 127.0.0.1: ") + std::strerror(client.error());
         return false;
     }
     CommsChannelRegisterLocatorMessage registration;

@@ -1,5 +1,6 @@
 #include "ResolverOptions.h"
 
+#include "CommandLine.h"
 #include "ResolverPorts.h"
 
 #include <cstdlib>
@@ -8,58 +9,59 @@ namespace resolver {
 
 const char DEFAULT_STATE_FILE[] = "/run/commschannel-resolver.state";
 
+namespace {
+
+bool takesValue(const std::string& option) { return option == "--state-file" || option == "--port"; }
+
+// Applies one option, its value already taken. False with *error set for an
+// option we do not know or a value that will not do.
+bool applyOption(const std::string& option, const std::string& value, ResolverOptions* options,
+                 std::string* error)
+{
+    if (option == "-h" || option == "--help") {
+        options->help = true;
+    } else if (option == "--version") {
+        options->version = true;
+    } else if (option == "-v" || option == "--verbose") {
+        options->verbose = true;
+    } else if (option == "--syslog") {
+        options->syslog = true;
+    } else if (option == "--list") {
+        options->list = true;
+    } else if (option == "--state-file") {
+        if (value.empty()) {
+            *error = "option --state-file needs a non-empty path";
+            return false;
+        }
+        options->stateFile = value;
+    } else if (option == "--port") {
+        if (!parsePort(value, &options->port)) {
+            *error = "option --port needs a port number from 1 to 65535, not \"" + value + "\"";
+            return false;
+        }
+    } else if (!option.empty() && option[0] == '-') {
+        *error = "unknown option " + option;
+        return false;
+    } else {
+        *error = "unexpected argument \"" + option + "\"";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 bool parseResolverOptions(int argc, const char* const* argv, ResolverOptions* options, std::string* error)
 {
     *options = ResolverOptions();
     for (int index = 1; index < argc; ++index) {
-        std::string argument = argv[index];
-        std::string value;
-        bool hasValue = false;
-        const std::size_t equals = argument.find('=');
-        if (argument.compare(0, 2, "--") == 0 && equals != std::string::npos) {
-            value = argument.substr(equals + 1);
-            argument.erase(equals);
-            hasValue = true;
-        }
-        const bool takesValue = argument == "--state-file" || argument == "--port";
-        if (hasValue && !takesValue) {
-            *error = "option " + argument + " takes no value";
-            return false;
-        }
-        if (takesValue && !hasValue) {
-            if (index + 1 >= argc) {
-                *error = "option " + argument + " needs a value";
-                return false;
-            }
-            value = argv[++index];
-        }
-
-        if (argument == "-h" || argument == "--help") {
-            options->help = true;
-        } else if (argument == "--version") {
-            options->version = true;
-        } else if (argument == "-v" || argument == "--verbose") {
-            options->verbose = true;
-        } else if (argument == "--syslog") {
-            options->syslog = true;
-        } else if (argument == "--list") {
-            options->list = true;
-        } else if (argument == "--state-file") {
-            if (value.empty()) {
-                *error = "option --state-file needs a non-empty path";
-                return false;
-            }
-            options->stateFile = value;
-        } else if (argument == "--port") {
-            if (!parsePort(value, &options->port)) {
-                *error = "option --port needs a port number from 1 to 65535, not \"" + value + "\"";
-                return false;
-            }
-        } else if (!argument.empty() && argument[0] == '-') {
-            *error = "unknown option " + argument;
-            return false;
-        } else {
-            *error = "unexpected argument \"" + argument + "\"";
+        command_line::OptionArgument argument = command_line::splitOption(argv[index]);
+        // The value is settled before the option is looked up, so that
+        // "--bogus=1" hears that it takes no value, as any flag would.
+        const bool valueOk = takesValue(argument.option)
+                                 ? command_line::takeValue(argc, argv, &index, &argument, error)
+                                 : command_line::refuseValue(argument, error);
+        if (!valueOk || !applyOption(argument.option, argument.value, options, error)) {
             return false;
         }
     }
@@ -82,7 +84,9 @@ std::string resolverUsage()
            "                         (default " +
            std::string(DEFAULT_STATE_FILE) +
            ")\n"
-           "      --port N           listen on 127.0.0.1 port N (default 5000)\n"
+           "      --port N           listen on 127.0.0.1 port N (default " +
+           std::to_string(COMMSCHANNEL_RESOLVER_PORT) +
+           ")\n"
            "      --list             print the channels that the running resolver knows\n"
            "                         (name, port, owning process) and exit\n"
            "\n"

@@ -5,9 +5,10 @@
 
 #include <string>
 
+#include "ResolverPort.h"
+
 namespace resolver {
 
-const int DEFAULT_RESOLVER_PORT = 5000;
 extern const char DEFAULT_STATE_FILE[];
 
 struct ResolverOptions {
@@ -17,7 +18,7 @@ struct ResolverOptions {
     bool verbose = false;
     bool syslog = false;
     std::string stateFile = DEFAULT_STATE_FILE;
-    int port = DEFAULT_RESOLVER_PORT;
+    int port = COMMSCHANNEL_RESOLVER_PORT;
 };
 
 // Reads argv[1..argc-1] into *options, starting from the defaults. Values

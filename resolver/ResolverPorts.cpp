@@ -1,34 +1,24 @@
 #include "ResolverPorts.h"
 
-#include <arpa/inet.h>
-
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
+#include "CommandLine.h"
 
 namespace resolver {
 
+namespace {
+
+// "65535": anything longer is no port, leading zeros or not.
+const std::size_t MAX_PORT_DIGITS = 5;
+
+}  // namespace
+
 bool parsePort(const std::string& text, int* port)
 {
-    if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos) {
-        return false;
-    }
-    const long value = std::strtol(text.c_str(), nullptr, 10);
-    if (value < 1 || value > 65535) {
+    long long value = 0;
+    if (text.size() > MAX_PORT_DIGITS || !command_line::parseDecimal(text, 1, 65535, &value)) {
         return false;
     }
     *port = static_cast<int>(value);
     return true;
-}
-
-sockaddr_in loopbackAddress(int port)
-{
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return address;
 }
 
 }  // namespace resolver

@@ -1,9 +1,8 @@
-// Ports as the resolver reads them from text and addresses them on the
-// loopback interface. Plain functions, usable from any thread.
+// Ports as the resolver reads them from text (the command line and the state
+// file). A plain function, usable from any thread; loopbackAddress() in
+// LoopbackSocket.h addresses them.
 #ifndef COMMSCHANNEL_RESOLVER_PORTS_H
 #define COMMSCHANNEL_RESOLVER_PORTS_H
-
-#include <netinet/in.h>
 
 #include <string>
 
@@ -12,9 +11,6 @@ namespace resolver {
 // Parses a decimal port in 1..65535 and nothing else (no sign, no blanks).
 // Returns false, leaving *port alone, for anything else.
 bool parsePort(const std::string& text, int* port);
-
-// 127.0.0.1 at port (host byte order in, network byte order in the result).
-sockaddr_in loopbackAddress(int port);
 
 }  // namespace resolver
 

@@ -1,6 +1,5 @@
 #include "ResolverServer.h"
 
-#include "ResolverPorts.h"
 #include "ProcNetUdp.h"
 #include "ProcSocketOwners.h"
 #include "ResolverClock.h"
@@ -12,7 +11,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -51,7 +49,6 @@ std::set<int> portsOf(const ResolverTable& table)
 
 ResolverServer::ResolverServer(const ResolverOptions& options)
     : m_options(options),
-      m_socket(-1),
       m_resolver(monotonicMilliseconds, lookUpProcess),
       m_saveDue(false),
       m_saveFailing(false),
@@ -61,34 +58,28 @@ ResolverServer::ResolverServer(const ResolverOptions& options)
 {
 }
 
-ResolverServer::~ResolverServer()
-{
-    if (m_socket >= 0) {
-        close(m_socket);
-    }
-}
-
 bool ResolverServer::open()
 {
-    m_socket = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (m_socket < 0) {
-        log::write(log::LEVEL_ERROR, "cannot create a UDP socket: %s", std::strerror(errno));
-        return false;
-    }
-    // Deliberately no SO_REUSEADDR: on UDP it would let a second resolver
-    // bind the same port and split the traffic with the first one.
-    const sockaddr_in address = loopbackAddress(m_options.port);
-    if (bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    // LoopbackSocket sets no SO_REUSEADDR, deliberately: on UDP it would let
+    // a second resolver bind the same port and split the traffic with the
+    // first one.
+    SocketStep failed = SocketStep::None;
+    m_socket = LoopbackSocket::open(m_options.port, &failed, SOCK_NONBLOCK);
+    if (!m_socket.valid()) {
         const int error = errno;
-        log::write(log::LEVEL_ERROR, "cannot bind 127.0.0.1:%d: %s%s", m_options.port, std::strerror(error),
-                   error == EADDRINUSE ? " (is another resolver running?)" : "");
-        close(m_socket);
-        m_socket = -1;
+        if (failed == SocketStep::Create) {
+            log::write(log::LEVEL_ERROR, "cannot create a UDP socket: %s", std::strerror(error));
+        } else if (failed == SocketStep::Bind) {
+            log::write(log::LEVEL_ERROR, "cannot bind 127.0.0.1:%d: %s%s", m_options.port, std::strerror(error),
+                       error == EADDRINUSE ? " (is another resolver running?)" : "");
+        } else {
+            log::write(log::LEVEL_ERROR, "cannot read the address of 127.0.0.1:%d: %s", m_options.port,
+                       std::strerror(error));
+        }
         return false;
     }
-    const int bufferBytes = SOCKET_BUFFER_BYTES;
-    setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &bufferBytes, sizeof bufferBytes);
-    setsockopt(m_socket, SOL_SOCKET, SO_SNDBUF, &bufferBytes, sizeof bufferBytes);
+    // The kernel caps the size at its limits; less than asked still works.
+    m_socket.setBuffers(SOCKET_BUFFER_BYTES);
     return true;
 }
 
@@ -104,7 +95,7 @@ int ResolverServer::run()
     for (;;) {
         const long long wait = nextScan - monotonicMilliseconds();
         pollfd fds[2];
-        fds[0].fd = m_socket;
+        fds[0].fd = m_socket.fd();
         fds[0].events = POLLIN;
         fds[0].revents = 0;
         fds[1].fd = signals.descriptor();
@@ -179,7 +170,7 @@ void ResolverServer::receiveBatch(std::vector<Outgoing>* outgoing)
     for (int count = 0; count < RECEIVE_BATCH; ++count) {
         sockaddr_in source;
         socklen_t sourceLength = sizeof source;
-        const ssize_t received = recvfrom(m_socket, buffer, m_buffer.size(), MSG_TRUNC,
+        const ssize_t received = recvfrom(m_socket.fd(), buffer, m_buffer.size(), MSG_TRUNC,
                                           reinterpret_cast<sockaddr*>(&source), &sourceLength);
         if (received < 0) {
             if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
@@ -238,9 +229,9 @@ void ResolverServer::sendAll(const std::vector<Outgoing>& datagrams)
         if (it->bytes.empty()) {
             continue;
         }
-        const sockaddr_in destination = loopbackAddress(it->port);
-        if (sendto(m_socket, it->bytes.data(), it->bytes.size(), MSG_DONTWAIT,
-                   reinterpret_cast<const sockaddr*>(&destination), sizeof destination) >= 0) {
+        // The socket is non-blocking: a send that would block fails here
+        // and is logged below rather than stalling the loop.
+        if (m_socket.sendTo(it->port, it->bytes.data(), it->bytes.size()) >= 0) {
             continue;
         }
         const int error = errno;

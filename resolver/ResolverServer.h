@@ -16,6 +16,7 @@
 #ifndef COMMSCHANNEL_RESOLVER_SERVER_H
 #define COMMSCHANNEL_RESOLVER_SERVER_H
 
+#include "LoopbackSocket.h"
 #include "RateLimiter.h"
 #include "Resolver.h"
 #include "ResolverOptions.h"
@@ -35,7 +36,7 @@ public:
 
     explicit ResolverServer(const ResolverOptions& options);
     // Closes the socket.
-    ~ResolverServer();
+    ~ResolverServer() = default;
     ResolverServer(const ResolverServer&) = delete;
     ResolverServer& operator=(const ResolverServer&) = delete;
 
@@ -62,7 +63,7 @@ private:
     bool scanPorts(std::set<int>* ports);
 
     const ResolverOptions m_options;
-    int m_socket;
+    LoopbackSocket m_socket;  // non-blocking; valid once open() succeeded
     Resolver m_resolver;
     // Ports seen by the previous scan; see SCAN_INTERVAL_MS.
     std::set<int> m_previousScan;

@@ -78,19 +78,15 @@ int CommsChannelMessage::decode(const char* buffer)
     if (buffer == nullptr) {
         return 0;
     }
-    return decodeBounded(buffer, wire::readHostOrderLength(buffer));
+    return decodeBounded(buffer, wire_header::totalLength(buffer));
 }
 
 int CommsChannelMessage::decode(const char* buffer, unsigned int available)
 {
-    if (buffer == nullptr || available < wire::HEADER_SIZE) {
+    if (!wire_header::complete(buffer, available)) {
         return 0;
     }
-    const std::uint32_t length = wire::readHostOrderLength(buffer);
-    if (length > available) {
-        return 0;
-    }
-    return decodeBounded(buffer, length);
+    return decodeBounded(buffer, wire_header::totalLength(buffer));
 }
 
 int CommsChannelMessage::decodeBounded(const char* buffer, unsigned int length)

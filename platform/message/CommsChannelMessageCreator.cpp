@@ -37,7 +37,7 @@ CommsChannelMessage* CommsChannelMessageCreator::decodeMessage(const char* buffe
     if (buffer == nullptr) {
         return nullptr;
     }
-    return decodeMessage(buffer, wire::readHostOrderLength(buffer));
+    return decodeMessage(buffer, wire_header::totalLength(buffer));
 }
 
 CommsChannelMessage* CommsChannelMessageCreator::decodeMessage(const char* buffer, unsigned int available)

@@ -6,16 +6,9 @@
 
 namespace wire {
 
-std::uint32_t readHostOrderLength(const char* header)
-{
-    std::uint32_t length;
-    std::memcpy(&length, header + 4, sizeof length);
-    return length;
-}
-
 void writeHostOrderLength(char* header, std::uint32_t length)
 {
-    std::memcpy(header + 4, &length, sizeof length);
+    std::memcpy(header + wire_header::LENGTH_OFFSET, &length, sizeof length);
 }
 
 Writer::Writer(int typeCode) : m_bytes(HEADER_SIZE, 0)
@@ -70,7 +63,7 @@ bool Reader::checkHeader(int typeCode, unsigned char newestVersion)
     }
     const unsigned char* header = reinterpret_cast<const unsigned char*>(m_data);
     if (header[0] != MAGIC_0 || header[1] != MAGIC_1 || header[3] != static_cast<unsigned char>(typeCode) ||
-        readHostOrderLength(m_data) != m_length) {
+        wire_header::totalLength(m_data) != m_length) {
         m_ok = false;
         return false;
     }
@@ -159,15 +152,11 @@ void reportUnreadableVersion(unsigned int version, int typeCode)
 
 int peekTypeCode(const char* data, std::size_t available)
 {
-    if (data == nullptr || available < HEADER_SIZE) {
+    if (!wire_header::complete(data, available)) {
         return -1;
     }
     const unsigned char* header = reinterpret_cast<const unsigned char*>(data);
     if (header[0] != MAGIC_0 || header[1] != MAGIC_1) {
-        return -1;
-    }
-    const std::uint32_t length = readHostOrderLength(data);
-    if (length < HEADER_SIZE || length > available) {
         return -1;
     }
     return header[3];

@@ -13,10 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "WireHeader.h"
+
 namespace wire {
 
-// Fixed header: magic (2 bytes), version (1), type code (1), total length (4).
-const std::size_t HEADER_SIZE = 8;
+// Fixed header: magic (2 bytes), version (1), type code (1), total length (4);
+// WireHeader.h reads the length.
+const std::size_t HEADER_SIZE = wire_header::SIZE;
 const unsigned char MAGIC_0 = 0xCC;
 const unsigned char MAGIC_1 = 0x5E;
 
@@ -35,8 +38,7 @@ const unsigned char VERSION_SPOOL_OWNER = 2;
 // version this build cannot read (see docs/wire-format.md).
 void reportUnreadableVersion(unsigned int version, int typeCode);
 
-// The total length in bytes 4 to 7, in host byte order.
-std::uint32_t readHostOrderLength(const char* header);
+// Stores the total length in bytes 4 to 7, in host byte order.
 void writeHostOrderLength(char* header, std::uint32_t length);
 
 class Writer {

@@ -1,5 +1,7 @@
 #include "Semaphore.h"
 
+#include "CheckedCall.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
@@ -84,20 +86,21 @@ Semaphore::Semaphore(int initialCount, int maxCount, bool /*reserved*/)
         count = m_maxCount;
     }
     m_state.store(static_cast<unsigned int>(count) * ONE, std::memory_order_relaxed);
-    pthread_mutex_init(&m_mutex, nullptr);
+    platform_check::abortOnError(pthread_mutex_init(&m_mutex, nullptr), "pthread_mutex_init");
     // Waits are measured on the monotonic clock so that setting the wall
     // clock neither shortens nor stretches a receive time-out.
     pthread_condattr_t attributes;
-    pthread_condattr_init(&attributes);
-    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    pthread_cond_init(&m_available, &attributes);
-    pthread_condattr_destroy(&attributes);
+    platform_check::abortOnError(pthread_condattr_init(&attributes), "pthread_condattr_init");
+    platform_check::abortOnError(pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC),
+                                 "pthread_condattr_setclock");
+    platform_check::abortOnError(pthread_cond_init(&m_available, &attributes), "pthread_cond_init");
+    platform_check::abortOnError(pthread_condattr_destroy(&attributes), "pthread_condattr_destroy");
 }
 
 Semaphore::~Semaphore()
 {
-    pthread_cond_destroy(&m_available);
-    pthread_mutex_destroy(&m_mutex);
+    platform_check::abortOnError(pthread_cond_destroy(&m_available), "pthread_cond_destroy");
+    platform_check::abortOnError(pthread_mutex_destroy(&m_mutex), "pthread_mutex_destroy");
 }
 
 bool Semaphore::tryTake()
@@ -183,7 +186,7 @@ void Semaphore::noteSpin(bool succeeded)
 
 int Semaphore::sleepingTake(int timeout, const timespec& deadline)
 {
-    pthread_mutex_lock(&m_mutex);
+    platform_check::abortOnError(pthread_mutex_lock(&m_mutex), "pthread_mutex_lock");
     ++m_sleepers;
     int taken = 0;
     unsigned int state = m_state.load(std::memory_order_relaxed);
@@ -213,6 +216,7 @@ int Semaphore::sleepingTake(int timeout, const timespec& deadline)
             taken = tryTake() ? 1 : 0;
             break;
         }
+        platform_check::abortOnError(woke, timeout == WAIT_FOREVER ? "pthread_cond_wait" : "pthread_cond_timedwait");
         state = m_state.load(std::memory_order_relaxed);
     }
     if (--m_sleepers == 0) {
@@ -221,7 +225,7 @@ int Semaphore::sleepingTake(int timeout, const timespec& deadline)
     if (m_sleepers <= m_signalled) {
         m_state.fetch_and(~SLEEPERS, std::memory_order_relaxed);
     }
-    pthread_mutex_unlock(&m_mutex);
+    platform_check::abortOnError(pthread_mutex_unlock(&m_mutex), "pthread_mutex_unlock");
     return taken;
 }
 
@@ -246,11 +250,11 @@ int Semaphore::wakingGive()
 {
     // A sleeper cannot leave take() while we hold the mutex, so the
     // semaphore outlives everything done here.
-    pthread_mutex_lock(&m_mutex);
+    platform_check::abortOnError(pthread_mutex_lock(&m_mutex), "pthread_mutex_lock");
     unsigned int state = m_state.load(std::memory_order_relaxed);
     for (;;) {
         if (m_maxCount >= 0 && state / ONE >= static_cast<unsigned int>(m_maxCount)) {
-            pthread_mutex_unlock(&m_mutex);
+            platform_check::abortOnError(pthread_mutex_unlock(&m_mutex), "pthread_mutex_unlock");
             return 0;
         }
         if (m_state.compare_exchange_weak(state, state + ONE, std::memory_order_release,
@@ -259,7 +263,7 @@ int Semaphore::wakingGive()
         }
     }
     if (m_sleepers > m_signalled) {
-        pthread_cond_signal(&m_available);
+        platform_check::abortOnError(pthread_cond_signal(&m_available), "pthread_cond_signal");
         ++m_signalled;
         // Once every sleeper has a wake-up on its way, later gives need not
         // come through here: each would queue another futile signal and
@@ -269,7 +273,7 @@ int Semaphore::wakingGive()
             m_state.fetch_and(~SLEEPERS, std::memory_order_relaxed);
         }
     }
-    pthread_mutex_unlock(&m_mutex);
+    platform_check::abortOnError(pthread_mutex_unlock(&m_mutex), "pthread_mutex_unlock");
     return 1;
 }
 

@@ -4,6 +4,7 @@
 #include "ChildProcess.h"
 #include "CommsChannel.h"
 #include "ResolverProcess.h"
+#include "ResolverPort.h"
 #include "ResolverTestMessages.h"
 #include "SyslogCapture.h"
 #include "TestUtil.h"
@@ -27,7 +28,6 @@ using namespace resolvertest;
 
 namespace {
 
-const int RESOLVER_PORT = 5000;
 const int START_TIMEOUT_MS = 20000;
 // How soon a process killed outright must have lost its names.
 const int WITHDRAW_DEADLINE_MS = 2000;
@@ -113,7 +113,7 @@ class FakeLocator {
 public:
     bool ok() const { return m_socket.ok(); }
     int port() const { return m_socket.port(); }
-    void send(const std::string& bytes) { m_socket.sendTo(RESOLVER_PORT, bytes); }
+    void send(const std::string& bytes) { m_socket.sendTo(COMMSCHANNEL_RESOLVER_PORT, bytes); }
 
     // Registers and waits for the answer; false when none came.
     bool registerNow(std::vector<Row>* table = nullptr, int timeoutMs = 5000)
@@ -136,7 +136,7 @@ public:
         std::string bytes;
         int from = 0;
         while (m_socket.receive(bytes, static_cast<int>(std::max(0LL, deadline - cctest::nowMs())), &from)) {
-            if (from == RESOLVER_PORT && decodeUpdate(bytes, rows)) {
+            if (from == COMMSCHANNEL_RESOLVER_PORT && decodeUpdate(bytes, rows)) {
                 return true;
             }
         }
@@ -203,17 +203,17 @@ TEST_F(ResolverProgramTest, GarbageDoesNotStopItAnswering)
 {
     cctest::UdpSocket peer;
     const std::string request = portRequest("x", 1);
-    peer.sendTo(RESOLVER_PORT, "", 0);
-    peer.sendTo(RESOLVER_PORT, "junk");
-    peer.sendTo(RESOLVER_PORT, request.substr(0, request.size() - 1));
-    peer.sendTo(RESOLVER_PORT, request + "trailing");
+    peer.sendTo(COMMSCHANNEL_RESOLVER_PORT, "", 0);
+    peer.sendTo(COMMSCHANNEL_RESOLVER_PORT, "junk");
+    peer.sendTo(COMMSCHANNEL_RESOLVER_PORT, request.substr(0, request.size() - 1));
+    peer.sendTo(COMMSCHANNEL_RESOLVER_PORT, request + "trailing");
     std::string bigJunk(65000, '\xcc');
-    peer.sendTo(RESOLVER_PORT, bigJunk);
+    peer.sendTo(COMMSCHANNEL_RESOLVER_PORT, bigJunk);
     std::mt19937 random(5000);
     for (int i = 0; i < 2000; ++i) {
         std::string bytes = request;
         bytes[random() % bytes.size()] = static_cast<char>(random());
-        peer.sendTo(RESOLVER_PORT, bytes);
+        peer.sendTo(COMMSCHANNEL_RESOLVER_PORT, bytes);
     }
     EXPECT_TRUE(ResolverProcess::answers(5000));
     std::string reply;

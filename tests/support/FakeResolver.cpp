@@ -7,6 +7,7 @@
 #include "CommsChannelPortResponseMessage.h"
 #include "CommsChannelRegisterLocatorMessage.h"
 #include "CommsChannelUnregisterLocatorMessage.h"
+#include "ResolverPort.h"
 #include "TestUtil.h"
 
 #include <arpa/inet.h>
@@ -48,7 +49,7 @@ FakeResolver::FakeResolver(bool answerRegistration, bool answerRequests)
     std::memset(&address, 0, sizeof address);
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(5000);
+    address.sin_port = htons(static_cast<uint16_t>(COMMSCHANNEL_RESOLVER_PORT));
     if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         if (m_fd >= 0) {
             close(m_fd);

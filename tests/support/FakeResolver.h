@@ -59,7 +59,7 @@ public:
     // Waits until at least count messages of type have arrived.
     bool waitForType(int type, std::size_t count, int timeoutMs = 10000);
 
-    // Sends raw bytes to a port from the fake's own socket (source 5000).
+    // Sends raw bytes to a port from the fake's own socket (source: the resolver port).
     int sendRaw(int port, const std::string& bytes);
     // Sends a locator update with the given rows to a locator's port.
     int sendUpdate(int locatorPort, const std::vector<std::tuple<int, std::string, int>>& rows);

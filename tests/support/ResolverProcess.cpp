@@ -5,6 +5,7 @@
 #include "CommsChannelMessageCreator.h"
 #include "CommsChannelPortRequestMessage.h"
 #include "CommsChannelPortResponseMessage.h"
+#include "ResolverPort.h"
 #include "TestUtil.h"
 
 #include <signal.h>
@@ -95,7 +96,7 @@ int ResolverProcess::queryPort(const std::string& name, int timeoutMs)
     request.setChannel(name);
     int length = 0;
     const char* encoding = request.encode(&length);
-    if (encoding == nullptr || socket.sendTo(5000, encoding, static_cast<std::size_t>(length)) != length) {
+    if (encoding == nullptr || socket.sendTo(COMMSCHANNEL_RESOLVER_PORT, encoding, static_cast<std::size_t>(length)) != length) {
         return -1;
     }
     const long long deadline = nowMs() + timeoutMs;

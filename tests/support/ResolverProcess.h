@@ -35,10 +35,10 @@ public:
     // Starts it again with the same arguments and state file.
     bool restart(int startTimeoutMs = 20000);
 
-    // True when something at 127.0.0.1:5000 answers a port request within
+    // True when something at the resolver port answers a port request within
     // timeoutMs.
     static bool answers(int timeoutMs);
-    // Asks the resolver at 5000 for the port of name: the port, 0 for an
+    // Asks the resolver for the port of name: the port, 0 for an
     // unknown name, -1 when no answer came within timeoutMs.
     static int queryPort(const std::string& name, int timeoutMs = 2000);
 
