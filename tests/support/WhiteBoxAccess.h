@@ -13,6 +13,7 @@
 #include "ProcessRuntime.h"
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 class CommsChannelInspector {
@@ -28,6 +29,14 @@ public:
         std::vector<CommsChannelDataContainerMessage> copies;
         channel.inbox().forEach([&copies](CommsChannelDataContainerMessage& message) { copies.push_back(message); });
         return copies;
+    }
+    // Addresses of the queued messages, front first: for identity checks
+    // only, stale as soon as the queue changes.
+    static std::vector<const CommsChannelDataContainerMessage*> queuedObjects(CommsChannel& channel)
+    {
+        std::vector<const CommsChannelDataContainerMessage*> objects;
+        channel.inbox().forEach([&objects](CommsChannelDataContainerMessage& message) { objects.push_back(&message); });
+        return objects;
     }
     // Whether a by-id receive waits for requestId right now.
     static bool hasRequestIdEntry(CommsChannel& channel, long requestId) { return channel.inbox().hasWaiter(requestId); }
@@ -48,11 +57,17 @@ class CommsChannelLocatorInspector {
 public:
     // The current locator, made if there is none.
     static CommsChannelLocator* current() { return CommsChannelLocator::instance(); }
+    // The same with a share of its ownership, so that a test may look at it
+    // (hasEnded()) after the runtime let go of it. Makes one if there is none.
+    static std::shared_ptr<CommsChannelLocator> shared() { return ProcessRuntime::process().locator(); }
 };
 
 class CommsChannelReceiverInspector {
 public:
     static CommsChannelReceiver* current() { return CommsChannelReceiver::instance(); }
+    // Channels watched by the current receiver (made if there is none),
+    // duplicates counted.
+    static int channelCount() { return CommsChannelReceiver::instance()->numReceiveChannels(); }
 };
 
 #endif
