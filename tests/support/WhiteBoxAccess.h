@@ -12,8 +12,10 @@
 #include "CommsChannelReceiver.h"
 #include "ProcessRuntime.h"
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <vector>
 
 class CommsChannelInspector {
@@ -51,6 +53,29 @@ public:
     {
         return channel.inbox().takeById(out, requestId, timeout);
     }
+};
+
+// A channel that reports a descriptor of the test's choice through the
+// virtual socketHandle(), for the code that reads the descriptor through it
+// (the senders and the dispatchers). Its own socket stays open and is closed
+// as usual; its receive operations still look at the real one.
+class ChannelWithReportedDescriptor : public CommsChannel {
+public:
+    explicit ChannelWithReportedDescriptor(const std::string& name) : CommsChannel(name) {}
+    void reportDescriptor(int descriptor)
+    {
+        m_reported.store(descriptor);
+        m_overridden.store(true);
+    }
+    void reportOwnDescriptor() { m_overridden.store(false); }
+    int socketHandle() const override
+    {
+        return m_overridden.load() ? m_reported.load() : CommsChannel::socketHandle();
+    }
+
+private:
+    std::atomic<bool> m_overridden{false};
+    std::atomic<int> m_reported{0};
 };
 
 class CommsChannelLocatorInspector {
