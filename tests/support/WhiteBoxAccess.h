@@ -8,6 +8,7 @@
 #include "ChannelInbox.h"
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
+#include "CommsChannelDispatcher.h"
 #include "CommsChannelLocator.h"
 #include "CommsChannelReceiver.h"
 #include "ProcessRuntime.h"
@@ -85,6 +86,20 @@ public:
     // The same with a share of its ownership, so that a test may look at it
     // (hasEnded()) after the runtime let go of it. Makes one if there is none.
     static std::shared_ptr<CommsChannelLocator> shared() { return ProcessRuntime::process().locator(); }
+    // The channel of this process registered under name, or null. Looks the
+    // name up as a send does (the current locator, made if there is none,
+    // waits for the resolver's first update), but never asks the resolver
+    // about a name the locator does not know.
+    static CommsChannel* localChannel(const std::string& name)
+    {
+        const std::shared_ptr<CommsChannelLocator> locator = shared();
+        if (!locator->knowsName(name)) {
+            return nullptr;
+        }
+        const std::shared_ptr<CommsChannelDispatcher> dispatcher = locator->acquireDispatcher(name);
+        const CCIntraProcDispatcher* local = dynamic_cast<const CCIntraProcDispatcher*>(dispatcher.get());
+        return local != nullptr ? local->destination() : nullptr;
+    }
 };
 
 class CommsChannelReceiverInspector {
