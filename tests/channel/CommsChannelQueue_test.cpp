@@ -482,6 +482,27 @@ TEST_F(CommsChannelQueueTest, ByIdReceiveOfAQueuedMessageReturnsAtOnceLeavingThe
     EXPECT_EQ(3, CommsChannelInspector::queueSemaphoreCount(sut));
 }
 
+TEST_F(CommsChannelQueueTest, ByIdReceiveOfAQueuedMessageWaitsBrieflyForItsOwnTokenThenTakesAGeneralOne)
+{
+    add("for 7", 0, 7);
+    add("plain");
+    ASSERT_EQ(2, CommsChannelInspector::queueSemaphoreCount(sut));
+
+    // The message was there before the receive: it waits 10 ms for a token
+    // of its own, which does not come, and then takes the general one that
+    // the message gave.
+    CommsChannelDataContainerMessage out;
+    const long long start = cctest::nowMs();
+    EXPECT_EQ(1, CommsChannelInspector::getMsgFromQ_ByID(sut, out, 7, 0));
+    const long long elapsed = cctest::nowMs() - start;
+
+    EXPECT_EQ("for 7", out.getData());
+    EXPECT_GE(elapsed, 10);
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ(std::vector<std::string>{"plain"}, queuedData());
+    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 7));
+}
+
 TEST_F(CommsChannelQueueTest, ByIdReceiveTakesItsOwnTokenWhenTheMessageCameAfterRegistration)
 {
     CommsChannelDataContainerMessage out;
