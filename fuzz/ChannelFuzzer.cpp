@@ -40,10 +40,10 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelDispatcher.h"
 #include "CommsException.h"
-#include "ReceiverState.h"
 #include "WhiteBoxAccess.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -76,6 +76,8 @@ struct LiveChannels {
     CommsChannel* peer = nullptr;
     int rawSocket = -1;
     long sequence = 0;
+    // Threads of the process while the channels and their receiver live.
+    int threadsWithReceiver = 0;
 };
 
 LiveChannels& live()
@@ -85,6 +87,7 @@ LiveChannels& live()
 }
 
 void stopChannels();
+int threadCount();
 
 void startChannels()
 {
@@ -97,6 +100,7 @@ void startChannels()
     state.target = new CommsChannel("");
     state.peer = new CommsChannel("");
     FUZZ_CHECK(state.target->port() > 0 && state.peer->port() > 0, "channels got no port");
+    state.threadsWithReceiver = threadCount();
     if (state.rawSocket == -1) {
         state.rawSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         FUZZ_CHECK(state.rawSocket != -1, "raw sender socket");
@@ -194,10 +198,29 @@ CommsChannelDataContainerMessage goodMessage(long sequence)
     return message;
 }
 
+// Threads of this process.
+int threadCount()
+{
+    int count = 0;
+    DIR* listing = opendir("/proc/self/task");
+    if (listing == nullptr) {
+        return -1;
+    }
+    while (dirent* entry = readdir(listing)) {
+        if (entry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    closedir(listing);
+    return count;
+}
+
+// The receiver thread is the one thread the channels add to the process:
+// it has ended once the process is back below the count it had with them.
 bool waitForReceiverThreadEnd()
 {
     for (int waited = 0; waited < THREAD_END_DEADLINE_MS; ++waited) {
-        if (receiver_state::statusSocket == 0) {
+        if (threadCount() < live().threadsWithReceiver) {
             return true;
         }
         poll(nullptr, 0, 1);

@@ -8,11 +8,8 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsException.h"
 #include "FakeResolver.h"
-#include "Semaphore.h"
 #include "TestUtil.h"
-#include "WhiteBoxAccess.h"
 
-#include <atomic>
 #include <string>
 #include <thread>
 
@@ -105,28 +102,6 @@ TEST_F(AnswerExpectationChannelTest, TheAnswerToARequestJustSentIsReceived)
     EXPECT_EQ(1, sut.receiveMsg(answer));
     EXPECT_EQ("answer to question", answer);
     answerer.join();
-}
-
-// A request-id semaphore of the caller's own kind: its take() must still be
-// the one that waits, whatever the thread did before.
-class CountingSemaphore : public Semaphore {
-public:
-    CountingSemaphore() : Semaphore(0, 1, false) {}
-    int take(int timeout) override
-    {
-        ++takes;
-        return Semaphore::take(timeout);
-    }
-    std::atomic<int> takes{0};
-};
-
-TEST_F(AnswerExpectationChannelTest, ACallersOwnRequestIdSemaphoreIsWaitedOnThroughItsTake)
-{
-    ASSERT_EQ(1, sut.sendMsg("answering", std::string("question")));
-    CountingSemaphore idSemaphore;
-    CommsChannelDataContainerMessage out;
-    EXPECT_THROW(CommsChannelInspector::getMsgFromQ_ByID(sut, out, 42, &idSemaphore, 20), CommsException);
-    EXPECT_EQ(1, idSemaphore.takes.load());
 }
 
 }  // namespace

@@ -8,12 +8,12 @@
 #include "ChildProcess.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "FakeResolver.h"
-#include "LocatorProbe.h"
 #include "ResolverProcess.h"
 #include "RoundBarrier.h"
 #include "TestUtil.h"
 #include "WhiteBoxAccess.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -32,7 +32,6 @@
 
 namespace {
 
-using cctest::LocatorProbe;
 
 // Everything that must happen within a test; generous for emulation and
 // sanitizers.
@@ -47,17 +46,46 @@ void failLoudly(const std::string& what)
 
 std::string nameOf(const std::string& prefix, int index) { return prefix + std::to_string(index); }
 
-// The current locator has applied the resolver's first update. A caller
-// that owns a registered channel keeps that locator alive while it looks.
-bool firstUpdateArrived()
+// Threads of this process.
+int threadCount()
+{
+    int count = 0;
+    DIR* listing = opendir("/proc/self/task");
+    if (listing == nullptr) {
+        return -1;
+    }
+    while (dirent* entry = readdir(listing)) {
+        if (entry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    closedir(listing);
+    return count;
+}
+
+// The current locator has applied the resolver's first update: a look-up of
+// registered, a channel of this process that the caller keeps (and with it
+// the locator), waits for that update as a send does.
+bool firstUpdateArrived(CommsChannel& registered)
+{
+    return CommsChannelLocatorInspector::localChannel(registered.channelName()) == &registered;
+}
+
+// Every locator this process made has withdrawn from the resolver again, so
+// none is left.
+bool everyLocatorWithdrew(cctest::FakeResolver& resolver)
 {
     return cctest::waitUntil(
-        [] {
-            CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
-            return locator != nullptr && CommsChannelLocatorInspector::initialUpdateReceived(*locator);
+        [&] {
+            const std::size_t registered = resolver.receivedOfType(COMMS_MSG_REGISTER_LOCATOR).size();
+            return registered > 0 && resolver.receivedOfType(COMMS_MSG_UNREGISTER_LOCATOR).size() == registered;
         },
         TEST_DEADLINE_MS);
 }
+
+// Whether this process's current locator knows name (a locator is made if
+// there is none: call it while a registered channel keeps one).
+bool locatorKnows(const std::string& name) { return CommsChannelLocatorInspector::shared()->knowsName(name); }
 
 // Standard output goes to /dev/null while it exists: sends to a name that is
 // gone for the moment end at the null dispatcher, which prints a line each.
@@ -120,7 +148,7 @@ TEST_F(CommsChannelLifetimeTest, DestroyingAChannelDoesNotWaitForASendToAnotherC
     CommsChannel relay("relay");
     interceptor.relay = &relay;
     CommsChannel* b = new CommsChannel("b");
-    ASSERT_TRUE(firstUpdateArrived());
+    ASSERT_TRUE(firstUpdateArrived(a));
 
     // Thread 1 sends to "a"; its interceptor holds the send there.
     std::atomic<int> sentToA{0};
@@ -161,7 +189,7 @@ TEST_F(CommsChannelLifetimeTest, DestroyingAChannelWaitsOnlyUntilTheSendIntoItHa
     CommsChannel relay("relay");
     interceptor.relay = &relay;
     CommsChannel* a = new CommsChannel("a", &interceptor);
-    ASSERT_TRUE(firstUpdateArrived());
+    ASSERT_TRUE(firstUpdateArrived(c));
 
     std::atomic<int> sentToA{0};
     std::thread sender([&] { sentToA = relay.sendMsg("a", std::string("to a")) + 1; });
@@ -199,8 +227,10 @@ TEST_F(CommsChannelLifetimeTest, SendsToNamesThatAreRemovedAndRegisteredAgainInT
     // Keeps the locator alive throughout, so the churn below changes names
     // only.
     CommsChannel anchor("anchor");
-    ASSERT_TRUE(firstUpdateArrived());
-    const int locatorPort = CommsChannelLocatorInspector::port(*LocatorProbe::current());
+    ASSERT_TRUE(firstUpdateArrived(anchor));
+    // The locator's socket is the one its registration came from.
+    ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_REGISTER_LOCATOR, 1, TEST_DEADLINE_MS));
+    const int locatorPort = fakeResolver.receivedOfType(COMMS_MSG_REGISTER_LOCATOR).back().sourcePort;
     cctest::UdpSocket remoteSink;
     ASSERT_TRUE(remoteSink.ok());
     QuietStdout quiet;
@@ -229,7 +259,7 @@ TEST_F(CommsChannelLifetimeTest, SendsToNamesThatAreRemovedAndRegisteredAgainInT
             const std::string name = nameOf("remote ", static_cast<int>(round % NAMES));
             const bool add = (round / NAMES) % 2 == 0;
             fakeResolver.sendUpdate(locatorPort, {std::make_tuple(add ? 0 : 1, name, remoteSink.port())});
-            if (!cctest::waitUntil([&] { return LocatorProbe::remoteHas(name) == add; }, TEST_DEADLINE_MS)) {
+            if (!cctest::waitUntil([&] { return locatorKnows(name) == add; }, TEST_DEADLINE_MS)) {
                 failLoudly("the locator never applied a row");
             }
             ++remoteRounds;
@@ -254,7 +284,14 @@ TEST_F(CommsChannelLifetimeTest, SendsToNamesThatAreRemovedAndRegisteredAgainInT
     EXPECT_TRUE(churnEnded);
     EXPECT_GT(sends.load(), 0);
     EXPECT_GT(remoteRounds.load(), 0);
-    EXPECT_EQ(1u, LocatorProbe::localCount());
+    // Of this process's names only the anchor's is left.
+    EXPECT_TRUE(locatorKnows("anchor"));
+    for (int n = 0; n < NAMES; ++n) {
+        EXPECT_FALSE(locatorKnows(nameOf("target ", n))) << n;
+    }
+    for (int s = 0; s < SENDERS; ++s) {
+        EXPECT_FALSE(locatorKnows(nameOf("sender ", s))) << s;
+    }
 }
 
 CC_CHILD_MAIN(churnNames)
@@ -287,7 +324,7 @@ TEST_F(CommsChannelLifetimeTest, SendsToNamesThatAnotherProcessRemovesAndRegiste
     cctest::ResolverProcess resolver;
     ASSERT_TRUE(resolver.started());
     CommsChannel anchor("anchor");
-    ASSERT_TRUE(firstUpdateArrived());
+    ASSERT_TRUE(firstUpdateArrived(anchor));
     QuietStdout quiet;
     cctest::ChildProcess child("churnNames", {"far ", std::to_string(NAMES)});
     ASSERT_TRUE(child.waitForLine("READY", 20000));
@@ -314,7 +351,7 @@ TEST_F(CommsChannelLifetimeTest, SendsToNamesThatAnotherProcessRemovesAndRegiste
         std::unique_ptr<CommsChannel> local(new CommsChannel(nameOf("far ", NAMES)));
         child.writeLine("NEXT");
         stepped = child.waitForLine("UP", 20000);
-        stepped = stepped && cctest::waitUntil([&] { return LocatorProbe::remoteHas(name); }, 20000);
+        stepped = stepped && cctest::waitUntil([&] { return locatorKnows(name); }, 20000);
         child.writeLine("DOWN");
         stepped = stepped && child.waitForLine("GONE", 20000);
         local.reset();
@@ -344,7 +381,7 @@ TEST_F(CommsChannelLifetimeTest, SendsFromAnUnregisteredTwinWhileItsNamesakeCome
     // the twin's thread may be inside that very locator resolving a name.
     std::unique_ptr<CommsChannel> namesake(new CommsChannel("twin"));
     CommsChannel twin("twin");
-    ASSERT_TRUE(firstUpdateArrived());
+    ASSERT_TRUE(firstUpdateArrived(*namesake));
     std::atomic<bool> stop{false};
     std::atomic<long> queued{0};
     std::atomic<long> refused{0};
@@ -371,7 +408,7 @@ TEST_F(CommsChannelLifetimeTest, SendsFromAnUnregisteredTwinWhileItsNamesakeCome
     namesake.reset();
 
     EXPECT_TRUE(bothSeen) << queued.load() << " queued, " << refused.load() << " refused";
-    EXPECT_EQ(nullptr, LocatorProbe::current());
+    EXPECT_TRUE(everyLocatorWithdrew(fakeResolver));
 }
 
 TEST_F(CommsChannelLifetimeTest, FirstResolutionsWaitingForTheResolverAreLetGoWhenTheLocatorEnds)
@@ -415,7 +452,7 @@ TEST_F(CommsChannelLifetimeTest, FirstResolutionsWaitingForTheResolverAreLetGoWh
         sender.join();
     }
     EXPECT_EQ(WAITERS, refused.load());
-    EXPECT_EQ(nullptr, LocatorProbe::current());
+    EXPECT_TRUE(everyLocatorWithdrew(fakeResolver));
 }
 
 TEST_F(CommsChannelLifetimeTest, LocatorComesAndGoesWithTheLastChannelAndEachThreadIsJoinedOnce)
@@ -427,7 +464,7 @@ TEST_F(CommsChannelLifetimeTest, LocatorComesAndGoesWithTheLastChannelAndEachThr
     // Keeps the receiver in place: only the locator, which lives as long as
     // the process has named channels, comes and goes here.
     CommsChannel unnamed("");
-    cctest::LocatorThreadWatch watch;
+    const int threadsBefore = threadCount();
     std::atomic<int> failures{0};
     cctest::RoundBarrier barrier(THREADS);
     std::vector<std::thread> threads;
@@ -441,7 +478,7 @@ TEST_F(CommsChannelLifetimeTest, LocatorComesAndGoesWithTheLastChannelAndEachThr
                     // The first update releases only one first resolution of
                     // a locator; wait for it rather than race other threads'
                     // sends.
-                    if (!firstUpdateArrived()) {
+                    if (!firstUpdateArrived(sut)) {
                         failLoudly("a locator never got the resolver's first update");
                     }
                     std::string data;
@@ -465,14 +502,13 @@ TEST_F(CommsChannelLifetimeTest, LocatorComesAndGoesWithTheLastChannelAndEachThr
     }
 
     EXPECT_EQ(0, failures.load());
-    EXPECT_EQ(nullptr, LocatorProbe::current());
-    std::vector<unsigned long> started = watch.started();
-    std::vector<unsigned long> joined = watch.joined();
-    std::sort(started.begin(), started.end());
-    std::sort(joined.begin(), joined.end());
-    EXPECT_GE(started.size(), static_cast<std::size_t>(CYCLES_PER_THREAD / 2));
-    EXPECT_EQ(started, joined);
-    EXPECT_EQ(started.size(), std::set<unsigned long>(joined.begin(), joined.end()).size());
+    // Each locator registered at the resolver when it was made and withdrew
+    // when it ended, and its thread is gone.
+    EXPECT_TRUE(everyLocatorWithdrew(fakeResolver));
+    EXPECT_GE(fakeResolver.receivedOfType(COMMS_MSG_REGISTER_LOCATOR).size(),
+              static_cast<std::size_t>(CYCLES_PER_THREAD / 2));
+    EXPECT_TRUE(cctest::waitUntil([&] { return threadCount() == threadsBefore; }, TEST_DEADLINE_MS))
+        << threadCount() << " threads, " << threadsBefore << " before";
 }
 
 }  // namespace

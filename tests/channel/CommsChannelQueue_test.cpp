@@ -5,7 +5,7 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsException.h"
 #include "WhiteBoxAccess.h"
-#include "Semaphore.h"
+#include "StderrRecorder.h"
 #include "SyslogCapture.h"
 #include "TestUtil.h"
 
@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <limits>
+#include <stdexcept>
 #include <thread>
 #include <string>
 #include <vector>
@@ -50,17 +51,17 @@ protected:
     std::vector<std::string> queuedData()
     {
         std::vector<std::string> data;
-        for (CommsChannelDataContainerMessage* queued : CommsChannelInspector::queue(sut)) {
-            data.push_back(queued->getData());
+        for (const CommsChannelDataContainerMessage& queued : CommsChannelInspector::queue(sut)) {
+            data.push_back(queued.getData());
         }
         return data;
     }
     VireoThreadPriority priorityOfQueued(std::size_t index)
     {
         std::size_t position = 0;
-        for (CommsChannelDataContainerMessage* queued : CommsChannelInspector::queue(sut)) {
+        for (const CommsChannelDataContainerMessage& queued : CommsChannelInspector::queue(sut)) {
             if (position++ == index) {
-                return queued->priority();
+                return queued.priority();
             }
         }
         ADD_FAILURE() << "no message at " << index;
@@ -76,7 +77,15 @@ TEST_F(CommsChannelQueueTest, PriorityTableHoldsTheSevenFixedValues)
     const std::vector<VireoThreadPriority> expected = {
         VIREO_PRIORITY_NORMAL, VIREO_PRIORITY_LOW,  VIREO_PRIORITY_HIGH, VIREO_PRIORITY_NORMAL,
         VIREO_PRIORITY_LOW,    VIREO_PRIORITY_HIGH, VIREO_PRIORITY_HIGH};
-    EXPECT_EQ(expected, CommsChannelInspector::priorities(sut));
+    // One message of each type, each taken out before the next goes in, so
+    // that the priority read is the one the queue gave that type.
+    std::vector<VireoThreadPriority> given;
+    for (int type = 0; type < 7; ++type) {
+        add("t" + std::to_string(type), type);
+        given.push_back(priorityOfQueued(0));
+        EXPECT_EQ("t" + std::to_string(type), takeFront());
+    }
+    EXPECT_EQ(expected, given);
     EXPECT_EQ(0, VIREO_PRIORITY_LOW);
     EXPECT_EQ(1, VIREO_PRIORITY_NORMAL);
     EXPECT_EQ(2, VIREO_PRIORITY_HIGH);
@@ -164,12 +173,11 @@ TEST_F(CommsChannelQueueTest, AddQueuesAHeapCopyAndGivesOneTokenToTheQueue)
     EXPECT_EQ(1, sut.addToMsgQ(original));
 
     ASSERT_EQ(1u, CommsChannelInspector::queueLength(sut));
-    CommsChannelDataContainerMessage* copy = CommsChannelInspector::queue(sut).front();
-    EXPECT_NE(&original, copy);
-    EXPECT_EQ("payload", copy->getData());
-    EXPECT_EQ("eth0", copy->interface());
+    EXPECT_NE(&original, CommsChannelInspector::queuedObjects(sut).front());
+    CommsChannelDataContainerMessage copy = CommsChannelInspector::queue(sut).front();
+    EXPECT_EQ("payload", copy.getData());
+    EXPECT_EQ("eth0", copy.interface());
     EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
-    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
     EXPECT_FALSE(sut.isQEmpty());
 }
 
@@ -181,7 +189,6 @@ TEST_F(CommsChannelQueueTest, ReceivedMessageIsTheQueuedOneAndLeavesTheQueue)
     EXPECT_EQ("only", out.getData());
     EXPECT_TRUE(sut.isQEmpty());
     EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
-    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
 }
 
 TEST_F(CommsChannelQueueTest, RequestIdZeroGivesItsTokenToTheQueueDespiteTheZeroEntry)
@@ -280,7 +287,7 @@ TEST_F(CommsChannelQueueWarningTest, NoticeNamesTheInterfaceOfTheCallersMessageN
         queued.setInterface("wlan1");
         intercepted.addToMsgQ(queued);
     }
-    ASSERT_EQ("rewritten", CommsChannelInspector::queue(intercepted).back()->interface());
+    ASSERT_EQ("rewritten", CommsChannelInspector::queue(intercepted).back().interface());
     expectNotices(1, "wlan1");
 }
 
@@ -322,7 +329,7 @@ TEST_F(CommsChannelInterceptorTest, InterceptorSeesTheCopyAlreadyCarryingItsTabl
     sut.addToMsgQ(original);
     ASSERT_EQ(1u, interceptor.seen().size());
     EXPECT_NE(&original, interceptor.seen().front());
-    EXPECT_EQ(CommsChannelInspector::queue(sut).front(), interceptor.seen().front());
+    EXPECT_EQ(CommsChannelInspector::queuedObjects(sut).front(), interceptor.seen().front());
     EXPECT_EQ(VIREO_PRIORITY_HIGH, interceptor.seenPriorities().front());
 }
 
@@ -338,7 +345,6 @@ TEST_F(CommsChannelInterceptorTest, DroppedMessageIsNotQueuedButAddReturnsOneAnd
     EXPECT_EQ(1, add("drop me"));
     EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
     EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
-    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
     EXPECT_EQ(std::vector<std::string>{"drop me"}, interceptor.seenData());
 }
 
@@ -358,11 +364,10 @@ private:
 TEST_F(CommsChannelInterceptorTest, DroppedAdoptedMessageIsDeletedNotQueuedAndStillGivesItsToken)
 {
     bool destroyed = false;
-    EXPECT_EQ(1, sut.queueMessage(new TrackedMessage(&destroyed)));
+    EXPECT_EQ(1, sut.inbox().deliver(new TrackedMessage(&destroyed)));
     EXPECT_TRUE(destroyed);
     EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
     EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
-    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
 }
 
 TEST_F(CommsChannelInterceptorTest, DroppedMessageWakesABlockedReceiverWhichReturnsZero)
@@ -381,20 +386,26 @@ TEST_F(CommsChannelInterceptorTest, DroppedMessageWakesABlockedReceiverWhichRetu
 
 TEST_F(CommsChannelInterceptorTest, DroppedMessageGivesItsTokenToTheWaiterRegisteredForItsId)
 {
-    Semaphore idSemaphore(0, 1, false);
-    CommsChannelInspector::registerRequestId(sut, 7, &idSemaphore);
+    CommsChannelDataContainerMessage out;
+    AsyncCall receive([&] { return sut.receiveMsg_ByID_Timed(out, 7, -1); });
+    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::hasRequestIdEntry(sut, 7); },
+                                  channeltest::DEADLINE_MS));
     EXPECT_EQ(1, add("drop me", 0, 7));
-    CommsChannelInspector::unregisterRequestId(sut, 7);
-    EXPECT_EQ(1, idSemaphore.count());
+    // The token went to the waiter, not to the general receivers.
     EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
     EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
+    EXPECT_TRUE(receive.stillBlocked());
+    add("the answer", 0, 7);
+    ASSERT_TRUE(receive.finishedWithin());
+    EXPECT_EQ(1, receive.result());
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
 }
 
 TEST_F(CommsChannelInterceptorTest, DroppedMessageWakesItsByIdWaiterWhichScansAndWaitsAgain)
 {
     CommsChannelDataContainerMessage out;
     AsyncCall receive([&] { return sut.receiveMsg_ByID_Timed(out, 7, -1); });
-    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::requestIdSemaphoreLocked(sut, 7) != nullptr; },
+    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::hasRequestIdEntry(sut, 7); },
                                   channeltest::DEADLINE_MS));
 
     add("drop me", 0, 7);
@@ -471,48 +482,55 @@ TEST_F(CommsChannelQueueTest, ByIdReceiveOfAQueuedMessageReturnsAtOnceLeavingThe
     EXPECT_EQ(3, CommsChannelInspector::queueSemaphoreCount(sut));
 }
 
-TEST_F(CommsChannelQueueTest, ByIdReceiveTakesTheTokenFromItsOwnSemaphoreWhenTheMessageCameAfterRegistration)
+TEST_F(CommsChannelQueueTest, ByIdReceiveOfAQueuedMessageWaitsBrieflyForItsOwnTokenThenTakesAGeneralOne)
 {
-    Semaphore idSemaphore(0, 1, false);
-    CommsChannelInspector::registerRequestId(sut, 7, &idSemaphore);
     add("for 7", 0, 7);
     add("plain");
-    ASSERT_EQ(1, idSemaphore.count());
-    ASSERT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    ASSERT_EQ(2, CommsChannelInspector::queueSemaphoreCount(sut));
 
+    // The message was there before the receive: it waits 10 ms for a token
+    // of its own, which does not come, and then takes the general one that
+    // the message gave.
     CommsChannelDataContainerMessage out;
-    EXPECT_EQ(1, CommsChannelInspector::getMsgFromQ_ByID(sut, out, 7, &idSemaphore, 5000));
-    CommsChannelInspector::unregisterRequestId(sut, 7);
+    const long long start = cctest::nowMs();
+    EXPECT_EQ(1, CommsChannelInspector::getMsgFromQ_ByID(sut, out, 7, 0));
+    const long long elapsed = cctest::nowMs() - start;
 
     EXPECT_EQ("for 7", out.getData());
-    EXPECT_EQ(0, idSemaphore.count());
+    EXPECT_GE(elapsed, 10);
     EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
     EXPECT_EQ(std::vector<std::string>{"plain"}, queuedData());
+    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 7));
 }
 
-TEST_F(CommsChannelQueueTest, TwoMessagesForOneWaitingIdLeaveOneTokenOnItsBinarySemaphore)
+TEST_F(CommsChannelQueueTest, ByIdReceiveTakesItsOwnTokenWhenTheMessageCameAfterRegistration)
 {
-    Semaphore idSemaphore(0, 1, false);
-    CommsChannelInspector::registerRequestId(sut, 7, &idSemaphore);
-    add("first for 7", 0, 7);
-    add("second for 7", 0, 7);
-    EXPECT_EQ(1, idSemaphore.count());
-    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
-    CommsChannelInspector::unregisterRequestId(sut, 7);
+    CommsChannelDataContainerMessage out;
+    AsyncCall receive([&] { return CommsChannelInspector::getMsgFromQ_ByID(sut, out, 7, 5000); });
+    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::hasRequestIdEntry(sut, 7); },
+                                  channeltest::DEADLINE_MS));
+    add("for 7", 0, 7);
+    add("plain");
+
+    ASSERT_TRUE(receive.finishedWithin());
+    EXPECT_EQ(1, receive.result());
+    EXPECT_EQ("for 7", out.getData());
+    // Only the plain message's token stands for the general receivers.
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ(std::vector<std::string>{"plain"}, queuedData());
+    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 7));
 }
 
 TEST_F(CommsChannelQueueTest, ByIdWaiterIsNotWokenByOtherIdsWhichAPlainReceiveTakes)
 {
     CommsChannelDataContainerMessage out;
     AsyncCall receive([&] { return sut.receiveMsg_ByID_Timed(out, 7, -1); });
-    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::requestIdSemaphoreLocked(sut, 7) != nullptr; },
+    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::hasRequestIdEntry(sut, 7); },
                                   channeltest::DEADLINE_MS));
-    Semaphore* idSemaphore = CommsChannelInspector::requestIdSemaphoreLocked(sut, 7);
 
     add("for 3", 0, 3);
     add("plain");
     EXPECT_TRUE(receive.stillBlocked());
-    EXPECT_EQ(0, idSemaphore->count());
     EXPECT_EQ(2, CommsChannelInspector::queueSemaphoreCount(sut));
     EXPECT_EQ("for 3", takeFront());
     EXPECT_EQ("plain", takeFront());
@@ -539,19 +557,18 @@ TEST_F(CommsChannelQueueTest, ByIdReceiveTakesTheFirstOfTwoMessagesWithItsId)
 
 TEST_F(CommsChannelQueueTest, ByIdWaitThatExpiresThrowsTheTimeOutText)
 {
-    Semaphore idSemaphore(0, 1, false);
-    CommsChannelInspector::registerRequestId(sut, 7, &idSemaphore);
     add("plain");
     CommsChannelDataContainerMessage out;
     try {
-        CommsChannelInspector::getMsgFromQ_ByID(sut, out, 7, &idSemaphore, 150);
+        CommsChannelInspector::getMsgFromQ_ByID(sut, out, 7, 150);
         FAIL() << "no exception";
     } catch (const CommsException& e) {
         EXPECT_STREQ("CommsChannel 'receive' timed out, timeout duration = 150", e.what());
     }
-    // The consumer leaves the registration to its caller.
-    EXPECT_TRUE(CommsChannelInspector::hasRequestIdEntry(sut, 7));
-    CommsChannelInspector::unregisterRequestId(sut, 7);
+    // The expired wait takes its registration with it and leaves the
+    // general token alone.
+    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 7));
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
     EXPECT_EQ(std::vector<std::string>{"plain"}, queuedData());
 }
 
@@ -647,7 +664,6 @@ TEST_F(CommsChannelQueueTest, ProducersFarAheadOfTheConsumerKeepEachOnesPriority
     EXPECT_EQ(std::vector<int>(producers, perProducer), receivedOf);
     EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
     EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
-    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
 }
 
 TEST_F(CommsChannelQueueTest, OrderHoldsWhileMessagesAreTakenFromTheFrontAndTheMiddle)
@@ -678,11 +694,8 @@ TEST_F(CommsChannelQueueTest, OrderHoldsWhileMessagesAreTakenFromTheFrontAndTheM
             const std::size_t index = (state >> 4) % model.size();
             const std::string data = model[index].first;
             const long requestId = std::stol(data.substr(1)) + 1;
-            Semaphore idSemaphore(0, 1, false);
             CommsChannelDataContainerMessage out;
-            CommsChannelInspector::registerRequestId(sut, static_cast<int>(requestId), &idSemaphore);
-            EXPECT_EQ(1, CommsChannelInspector::getMsgFromQ_ByID(sut, out, requestId, &idSemaphore, 0));
-            CommsChannelInspector::unregisterRequestId(sut, static_cast<int>(requestId));
+            EXPECT_EQ(1, CommsChannelInspector::getMsgFromQ_ByID(sut, out, requestId, 0));
             EXPECT_EQ(data, out.getData());
             model.erase(model.begin() + static_cast<long>(index));
         }
@@ -720,8 +733,8 @@ TEST(CommsChannelQueueReprioritisedTest, MessageReprioritisedByTheInterceptorKee
     // front: n2 and n3 behind "raise" (2 is not lower than 1), h1 before n1,
     // and n3 before l1.
     std::vector<std::string> data;
-    for (CommsChannelDataContainerMessage* queued : CommsChannelInspector::queue(sut)) {
-        data.push_back(queued->getData());
+    for (const CommsChannelDataContainerMessage& queued : CommsChannelInspector::queue(sut)) {
+        data.push_back(queued.getData());
     }
     EXPECT_EQ((std::vector<std::string>{"h1", "n1", "raise", "n2", "n3", "l1"}), data);
 }
@@ -760,10 +773,10 @@ TEST_F(CommsChannelQueueTest, ReceivedLargeMessageCarriesItsWholeDataAndEveryFie
 TEST_F(CommsChannelQueueTest, QueueMessageQueuesTheGivenObjectItselfWithTheTokenRule)
 {
     CommsChannelDataContainerMessage* adopted = new CommsChannelDataContainerMessage(channeltest::message("a", 1));
-    ASSERT_EQ(1, sut.queueMessage(adopted));
+    ASSERT_EQ(1, sut.inbox().deliver(adopted));
     add("b", 2);
     ASSERT_EQ(2u, CommsChannelInspector::queueLength(sut));
-    EXPECT_EQ(adopted, CommsChannelInspector::queue(sut).back());
+    EXPECT_EQ(adopted, CommsChannelInspector::queuedObjects(sut).back());
     EXPECT_EQ(VIREO_PRIORITY_LOW, adopted->priority());
     EXPECT_EQ(2, CommsChannelInspector::queueSemaphoreCount(sut));
     EXPECT_EQ("b", takeFront());
@@ -860,12 +873,16 @@ TEST_P(RequestIdBeyondIntTest, WithNoWaiterTheTokenGoesToTheQueueAndAPlainReceiv
 
 TEST_P(RequestIdBeyondIntTest, AWaiterForFiveNeverTakesItsToken)
 {
-    Semaphore waiterForFive(0, 1, false);
-    CommsChannelInspector::registerRequestId(sut, 5L, &waiterForFive);
+    CommsChannelDataContainerMessage out;
+    AsyncCall waiterForFive([&] { return sut.receiveMsg_ByID_Timed(out, 5L, -1); });
+    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::hasRequestIdEntry(sut, 5L); },
+                                  channeltest::DEADLINE_MS));
     add(id());
-    EXPECT_EQ(0, waiterForFive.count());
+    EXPECT_TRUE(waiterForFive.stillBlocked());
     EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
-    CommsChannelInspector::unregisterRequestId(sut, 5L);
+    add(5L);
+    ASSERT_TRUE(waiterForFive.finishedWithin());
+    EXPECT_EQ(5L, out.requestId());
 }
 
 TEST_P(RequestIdBeyondIntTest, AByIdReceiveForFiveTimesOutAndTheMessageStaysForAPlainReceive)
@@ -894,5 +911,212 @@ TEST_P(RequestIdBeyondIntTest, AByIdReceiveForThatVeryIdGetsIt)
 INSTANTIATE_TEST_SUITE_P(Ids, RequestIdBeyondIntTest,
                          testing::Values(1LL << 32, (1LL << 32) + 5, -1LL,
                                          static_cast<long long>(std::numeric_limits<long>::max())));
+
+}  // namespace
+
+// --- the inbox's failure paths ------------------------------------------
+
+namespace {
+
+std::vector<std::string> queuedDataOf(CommsChannel& channel)
+{
+    std::vector<std::string> data;
+    for (const CommsChannelDataContainerMessage& queued : CommsChannelInspector::queue(channel)) {
+        data.push_back(queued.getData());
+    }
+    return data;
+}
+
+// Throws for every message whose data starts with "throw", lets the rest
+// through, and counts its calls.
+class ThrowingInterceptor : public CCInterceptorDispatcher {
+public:
+    int intercept(CCInterceptorContext* context) override
+    {
+        ++calls;
+        CommsChannelDataContainerMessage* seen = context->getParams();
+        if (seen != nullptr && seen->getData().compare(0, 5, "throw") == 0) {
+            if (seen->getData() == "throw int") {
+                throw 42;
+            }
+            throw std::runtime_error("interceptor failure");
+        }
+        return 1;
+    }
+    std::atomic<int> calls{0};
+};
+
+const char* const INTERCEPTOR_REPORT = "CommsChannel: the interceptor threw (interceptor failure); the message is dropped\n";
+
+std::size_t occurrences(const std::string& text, const std::string& needle)
+{
+    std::size_t count = 0;
+    for (std::size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST(ChannelInboxFailureTest, InterceptorThatThrowsDropsTheMessageReportsOnceAndTheInboxGoesOn)
+{
+    channeltest::Watchdog watchdog;
+    ThrowingInterceptor interceptor;
+    CommsChannel sut("", &interceptor);
+    cctest::StderrRecorder errors;
+    CommsChannelDataContainerMessage failing = channeltest::message("throw");
+    EXPECT_EQ(1, sut.addToMsgQ(failing));
+    errors.restore();
+
+    EXPECT_EQ(1u, occurrences(errors.text(), INTERCEPTOR_REPORT)) << errors.text();
+    EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
+    // Refused, so its token still counts.
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+
+    CommsChannelDataContainerMessage next = channeltest::message("next");
+    EXPECT_EQ(1, sut.addToMsgQ(next));
+    // The refused message's token is taken first and finds the next one.
+    std::string data;
+    ASSERT_EQ(1, sut.receiveMsg(data));
+    EXPECT_EQ("next", data);
+    EXPECT_EQ(2, interceptor.calls.load());
+}
+
+TEST(ChannelInboxFailureTest, InterceptorThrowingSomethingElseThanAnExceptionIsReportedToo)
+{
+    channeltest::Watchdog watchdog;
+    ThrowingInterceptor interceptor;
+    CommsChannel sut("", &interceptor);
+    cctest::StderrRecorder errors;
+    CommsChannelDataContainerMessage failing = channeltest::message("throw int");
+    EXPECT_EQ(1, sut.addToMsgQ(failing));
+    errors.restore();
+    EXPECT_EQ(1u, occurrences(errors.text(),
+                              "CommsChannel: the interceptor threw (an exception of unknown type); the message is "
+                              "dropped\n"))
+        << errors.text();
+    EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+}
+
+TEST(ChannelInboxFailureTest, InterceptorThatThrowsWakesABlockedReceiverWhichReturnsZero)
+{
+    channeltest::Watchdog watchdog;
+    ThrowingInterceptor interceptor;
+    CommsChannel sut("", &interceptor);
+    CommsChannelDataContainerMessage out;
+    out.setData("untouched", 9);
+    AsyncCall receive([&] { return sut.receiveMsg(out); });
+    ASSERT_TRUE(receive.stillBlocked());
+
+    cctest::StderrRecorder errors;
+    CommsChannelDataContainerMessage failing = channeltest::message("throw");
+    sut.addToMsgQ(failing);
+    ASSERT_TRUE(receive.finishedWithin());
+    errors.restore();
+    EXPECT_FALSE(receive.threw()) << receive.exceptionText();
+    EXPECT_EQ(0, receive.result());
+    EXPECT_EQ("untouched", out.getData());
+    EXPECT_EQ(1u, occurrences(errors.text(), INTERCEPTOR_REPORT)) << errors.text();
+
+    // The channel goes on working.
+    CommsChannelDataContainerMessage next = channeltest::message("next");
+    sut.addToMsgQ(next);
+    ASSERT_EQ(1, sut.receiveMsg(out));
+    EXPECT_EQ("next", out.getData());
+}
+
+TEST(ChannelInboxFailureTest, InterceptorThatThrowsWakesTheByIdWaiterWhichWaitsOn)
+{
+    channeltest::Watchdog watchdog;
+    ThrowingInterceptor interceptor;
+    CommsChannel sut("", &interceptor);
+    CommsChannelDataContainerMessage out;
+    AsyncCall receive([&] { return sut.receiveMsg_ByID_Timed(out, 7, -1); });
+    ASSERT_TRUE(cctest::waitUntil([&] { return CommsChannelInspector::hasRequestIdEntry(sut, 7); },
+                                  channeltest::DEADLINE_MS));
+    cctest::StderrRecorder errors;
+    CommsChannelDataContainerMessage failing = channeltest::message("throw", 0, 7);
+    sut.addToMsgQ(failing);
+    EXPECT_TRUE(receive.stillBlocked());
+    errors.restore();
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+
+    CommsChannelDataContainerMessage answer = channeltest::message("the answer", 0, 7);
+    sut.addToMsgQ(answer);
+    ASSERT_TRUE(receive.finishedWithin());
+    EXPECT_EQ(1, receive.result());
+    EXPECT_EQ("the answer", out.getData());
+}
+
+TEST(ChannelInboxFailureTest, DeliveriesIntoAClosedInboxAreDroppedWithoutTheInterceptor)
+{
+    channeltest::Watchdog watchdog;
+    RecordingInterceptor interceptor;
+    CommsChannel sut("", &interceptor);
+    CommsChannelDataContainerMessage before = channeltest::message("before");
+    sut.addToMsgQ(before);
+    ASSERT_EQ(1u, interceptor.seenData().size());
+
+    sut.inbox().close();
+
+    CommsChannelDataContainerMessage copied = channeltest::message("copied");
+    EXPECT_EQ(1, sut.inbox().deliver(copied));
+    bool destroyed = false;
+    EXPECT_EQ(1, sut.inbox().deliver(new TrackedMessage(&destroyed)));
+    EXPECT_TRUE(destroyed) << "an adopted message dropped by a closed inbox is freed";
+    CommsChannelDataContainerMessage viaChannel = channeltest::message("via channel");
+    EXPECT_EQ(1, sut.addToMsgQ(viaChannel));
+
+    EXPECT_EQ(std::vector<std::string>{"before"}, interceptor.seenData());
+    EXPECT_EQ(std::vector<std::string>{"before"}, queuedDataOf(sut));
+    // No token for what was dropped: only the message queued before.
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+    EXPECT_EQ("copied", copied.getData());
+}
+
+TEST(ChannelInboxFailureTest, CheckThatThrowsEndsATakeFrontAndLeavesTheInboxUsable)
+{
+    channeltest::Watchdog watchdog;
+    CommsChannel sut("");
+    std::atomic<int> checks{0};
+    const ChannelInbox::Check check = [&checks] {
+        if (++checks == 2) {
+            throw std::runtime_error("check says stop");
+        }
+    };
+    CommsChannelDataContainerMessage out;
+    const long long start = cctest::nowMs();
+    try {
+        sut.inbox().takeFront(-1, &out, nullptr, &check);
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ("check says stop", e.what());
+    }
+    EXPECT_EQ(2, checks.load());
+    EXPECT_LT(cctest::nowMs() - start, 10000);
+    EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
+
+    CommsChannelDataContainerMessage queued = channeltest::message("after");
+    sut.addToMsgQ(queued);
+    // A check that passes: the token is there, the message is taken.
+    std::string data;
+    const ChannelInbox::Check quiet = [] {};
+    EXPECT_EQ(1, sut.inbox().takeFront(1000, nullptr, &data, &quiet));
+    EXPECT_EQ("after", data);
+}
+
+TEST(ChannelInboxFailureTest, CheckThatThrowsEndsATakeByIdAndTakesItsRegistrationAway)
+{
+    channeltest::Watchdog watchdog;
+    CommsChannel sut("");
+    const ChannelInbox::Check check = [] { throw std::runtime_error("peer gone"); };
+    CommsChannelDataContainerMessage out;
+    EXPECT_THROW(sut.inbox().takeById(out, 7, -1, &check), std::runtime_error);
+    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 7));
+    // A later answer for 7 goes to the general receivers.
+    CommsChannelDataContainerMessage answer = channeltest::message("late", 0, 7);
+    sut.addToMsgQ(answer);
+    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
+}
 
 }  // namespace

@@ -5,10 +5,14 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsException.h"
 #include "WhiteBoxAccess.h"
-#include "Semaphore.h"
+#include "ChildProcess.h"
 #include "TestUtil.h"
 
 #include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
 
 #include <cstring>
 #include <functional>
@@ -33,14 +37,14 @@ protected:
     void waitUntilRegistered(int requestId)
     {
         ASSERT_TRUE(cctest::waitUntil(
-            [&] { return CommsChannelInspector::requestIdSemaphoreLocked(sut, requestId) != nullptr; },
+            [&] { return CommsChannelInspector::hasRequestIdEntry(sut, requestId); },
             channeltest::DEADLINE_MS));
     }
     std::vector<std::string> queuedData()
     {
         std::vector<std::string> data;
-        for (CommsChannelDataContainerMessage* queued : CommsChannelInspector::queue(sut)) {
-            data.push_back(queued->getData());
+        for (const CommsChannelDataContainerMessage& queued : CommsChannelInspector::queue(sut)) {
+            data.push_back(queued.getData());
         }
         return data;
     }
@@ -141,7 +145,8 @@ TEST_F(CommsChannelReceiveTest, ByIdTimedWithRequestIdZeroTakesTheFrontMessageWh
     CommsChannelDataContainerMessage out;
     EXPECT_EQ(1, sut.receiveMsg_ByID_Timed(out, 0, 200));
     EXPECT_EQ("for 5", out.getData());
-    EXPECT_EQ(1u, CommsChannelInspector::requestIdSemaphores(sut).size());
+    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 0));
+    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 5));
 }
 
 TEST_F(CommsChannelReceiveTest, ByIdTimedWithRequestIdZeroTimesOutAsAPlainReceive)
@@ -153,9 +158,8 @@ TEST_F(CommsChannelReceiveTest, ByIdTimedWithRequestIdZeroTimesOutAsAPlainReceiv
     } catch (const CommsException& e) {
         EXPECT_STREQ("CommsChannel 'receive' timed out, timeout duration = 200", e.what());
     }
-    // No registration was made for id 0 beyond the entry every channel has.
-    ASSERT_EQ(1u, CommsChannelInspector::requestIdSemaphores(sut).size());
-    EXPECT_EQ(nullptr, CommsChannelInspector::requestIdSemaphores(sut).at(0));
+    // No by-id registration was made for id 0.
+    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 0));
 }
 
 TEST_F(CommsChannelReceiveTest, ByIdTimedWithRequestIdZeroReturnsZeroAfterShutdown)
@@ -189,7 +193,6 @@ TEST_F(CommsChannelReceiveTest, ByIdTimedThatTimesOutRemovesItsRegistrationSoALa
     CommsChannelDataContainerMessage out;
     EXPECT_THROW(sut.receiveMsg_ByID_Timed(out, 9, 200), CommsException);
     EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 9));
-    EXPECT_EQ(1u, CommsChannelInspector::requestIdSemaphores(sut).size());
 
     add("late answer", 0, 9);
 
@@ -267,28 +270,62 @@ TEST_F(CommsChannelReceiveTest, ReceiveByRequestIdZeroTakesAnyMessage)
     EXPECT_EQ("any", out.getData());
 }
 
-TEST_F(CommsChannelReceiveTest, SecondWaiterForTheSameIdIsNotEnteredAndItsTimeOutRemovesTheFirstWaitersEntry)
+// The first waiter is stranded for good once its entry is gone: nothing can
+// wake it any more, so the scenario runs in a child process of its own that
+// ends without joining it.
+CC_CHILD_MAIN(secondWaiterForTheSameId)
 {
+    (void)args;
+    CommsChannel sut("");
     CommsChannelDataContainerMessage firstOut;
-    AsyncCall first([&] { return sut.receiveMsg(firstOut, 30L); });
-    waitUntilRegistered(30);
-    Semaphore* firstWaiter = CommsChannelInspector::requestIdSemaphoreLocked(sut, 30);
-
+    std::atomic<bool> firstReturned{false};
+    std::thread first([&] {
+        sut.receiveMsg(firstOut, 30L);
+        firstReturned = true;
+    });
+    first.detach();
+    if (!cctest::waitUntil([&] { return CommsChannelInspector::hasRequestIdEntry(sut, 30); },
+                           channeltest::DEADLINE_MS)) {
+        cctest::childSay("FIRST NOT REGISTERED");
+        _exit(cctest::CHILD_FAILED);
+    }
     CommsChannelDataContainerMessage secondOut;
-    EXPECT_THROW(sut.receiveMsg_ByID_Timed(secondOut, 30, 200), CommsException);
+    try {
+        sut.receiveMsg_ByID_Timed(secondOut, 30, 200);
+        cctest::childSay("SECOND RETURNED");
+    } catch (const CommsException& e) {
+        cctest::childSay(std::string("SECOND THREW ") + e.what());
+    }
+    cctest::childSay(CommsChannelInspector::hasRequestIdEntry(sut, 30) ? "ENTRY KEPT" : "ENTRY GONE");
+    CommsChannelDataContainerMessage answer = channeltest::message("answer", 0, 30);
+    sut.addToMsgQ(answer);
+    cctest::childSay("TOKENS " + std::to_string(CommsChannelInspector::queueSemaphoreCount(sut)));
+    usleep(static_cast<useconds_t>(channeltest::STILL_BLOCKED_MS) * 1000);
+    cctest::childSay(firstReturned ? "FIRST RETURNED" : "FIRST BLOCKED");
+    // A plain receive takes the answer whose token stood for it.
+    std::string data;
+    sut.receiveMsg(data);
+    cctest::childSay("PLAIN GOT " + data);
+    std::fflush(stdout);
+    _exit(cctest::CHILD_OK);
+}
 
+TEST(CommsChannelReceiveSecondWaiter, SecondWaiterForTheSameIdIsNotEnteredAndItsTimeOutRemovesTheFirstWaitersEntry)
+{
+    channeltest::Watchdog watchdog;
+    cctest::ChildProcess child("secondWaiterForTheSameId", {});
+    std::vector<std::string> lines;
+    std::string line;
+    while (child.readLine(line, channeltest::DEADLINE_MS)) {
+        lines.push_back(line);
+    }
     // The erase removed the key whoever made it: the first waiter's answer
-    // now gives its token to the queue, and the first waiter sleeps on.
-    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 30));
-    add("answer", 0, 30);
-    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
-    EXPECT_TRUE(first.stillBlocked());
-
-    // Release it by hand: it scans again and finds its answer.
-    firstWaiter->give();
-    ASSERT_TRUE(first.finishedWithin());
-    EXPECT_EQ(1, first.result());
-    EXPECT_EQ("answer", firstOut.getData());
+    // gives its token to the general receivers, and the first waiter sleeps
+    // on.
+    EXPECT_EQ((std::vector<std::string>{"SECOND THREW CommsChannel 'receive' timed out, timeout duration = 200",
+                                        "ENTRY GONE", "TOKENS 1", "FIRST BLOCKED", "PLAIN GOT answer"}),
+              lines);
+    EXPECT_EQ(cctest::CHILD_OK, child.wait(channeltest::DEADLINE_MS));
 }
 
 TEST_F(CommsChannelReceiveTest, IsQEmptyFollowsTheQueue)
@@ -379,23 +416,37 @@ class DescriptorZeroTest : public CommsChannelReceiveTest, public testing::WithP
 
 TEST_P(DescriptorZeroTest, ReceiveReturnsZeroAtOnceAlthoughAMessageIsQueued)
 {
-    add("waiting", 0, 7);
-    const int realSocket = CommsChannelInspector::swapSocketHandle(sut, 0);
-
-    AsyncCall receive([&] { return GetParam().call(sut); });
-    const bool finished = receive.finishedWithin();
-    if (!finished) {
-        sut.shutdown();  // let a wrongly blocked receive end
-        add("release", 0, 7);
+    // With standard input closed, the channel's socket gets descriptor 0.
+    const int savedStdin = dup(0);
+    ASSERT_GE(savedStdin, 0);
+    close(0);
+    std::unique_ptr<CommsChannel> zero(new CommsChannel(""));
+    const int descriptor = zero->socketHandle();
+    bool finished = false;
+    if (descriptor == 0) {
+        CommsChannelDataContainerMessage queued = channeltest::message("waiting", 0, 7);
+        zero->addToMsgQ(queued);
+        AsyncCall receive([&] { return GetParam().call(*zero); });
+        finished = receive.finishedWithin();
+        if (!finished) {
+            zero->shutdown();  // let a wrongly blocked receive end
+            CommsChannelDataContainerMessage release = channeltest::message("release", 0, 7);
+            zero->addToMsgQ(release);
+            receive.finishedWithin();
+        } else {
+            EXPECT_FALSE(receive.threw()) << receive.exceptionText();
+            EXPECT_EQ(0, receive.result());
+            EXPECT_EQ(1u, CommsChannelInspector::queueLength(*zero));
+            EXPECT_EQ("waiting", CommsChannelInspector::queue(*zero).front().getData());
+            EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(*zero));
+            EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(*zero, 7));
+        }
     }
-    CommsChannelInspector::swapSocketHandle(sut, realSocket);
-
-    ASSERT_TRUE(finished);
-    EXPECT_FALSE(receive.threw()) << receive.exceptionText();
-    EXPECT_EQ(0, receive.result());
-    EXPECT_EQ(std::vector<std::string>{"waiting"}, queuedData());
-    EXPECT_EQ(1, CommsChannelInspector::queueSemaphoreCount(sut));
-    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 7));
+    zero.reset();
+    dup2(savedStdin, 0);
+    close(savedStdin);
+    ASSERT_EQ(0, descriptor);
+    EXPECT_TRUE(finished);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryReceive, DescriptorZeroTest, testing::ValuesIn(RECEIVE_OPERATIONS),

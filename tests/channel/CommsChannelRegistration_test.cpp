@@ -7,13 +7,14 @@
 #include "CommsChannelLocatorEntry.h"
 #include "FakeResolver.h"
 #include "WhiteBoxAccess.h"
-#include "ReceiverState.h"
-#include "Semaphore.h"
+#include "ProcessRuntime.h"
 #include "TestUtil.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+#include <dirent.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -26,31 +27,51 @@
 
 namespace {
 
-bool installedInReceiver(CommsChannel* channel)
-{
-    receiver_state::channelListLock().take(-1);
-    const bool found = receiver_state::receiveChannels != nullptr &&
-                       std::find(receiver_state::receiveChannels->begin(), receiver_state::receiveChannels->end(),
-                                 channel) != receiver_state::receiveChannels->end();
-    receiver_state::channelListLock().give();
-    return found;
-}
+// Channels the process's receiver watches (a receiver is made if there is
+// none).
+int installedChannels() { return CommsChannelReceiverInspector::channelCount(); }
 
-// The channel registered under name in this process's locator, or null
-// (also when there is no locator).
-CommsChannel* registeredChannel(const std::string& name)
+// The channel registered under name in this process's locator, or null.
+// Makes a locator if there is none: call it while a named channel exists.
+CommsChannel* registeredChannel(const std::string& name) { return CommsChannelLocatorInspector::localChannel(name); }
+
+// Entries of a /proc/self directory: the process's threads or descriptors.
+int entriesOf(const char* directory)
 {
-    CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
-    if (locator == nullptr) {
-        return nullptr;
+    int count = 0;
+    DIR* listing = opendir(directory);
+    if (listing == nullptr) {
+        return -1;
     }
-    Semaphore& lock = CommsChannelLocatorInspector::mapLock(*locator);
-    lock.take(-1);
-    std::map<std::string, CommsChannelLocatorEntry*>& local = CommsChannelLocatorInspector::localMap(*locator);
-    std::map<std::string, CommsChannelLocatorEntry*>::iterator it = local.find(name);
-    CommsChannel* channel = it != local.end() ? it->second->channelHandle() : nullptr;
-    lock.give();
-    return channel;
+    while (dirent* entry = readdir(listing)) {
+        if (entry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    closedir(listing);
+    // The listing's own descriptor is not counted.
+    return std::string(directory) == "/proc/self/fd" ? count - 1 : count;
+}
+int threadCount() { return entriesOf("/proc/self/task"); }
+
+// Open socket descriptors of the process.
+int socketCount()
+{
+    int count = 0;
+    DIR* listing = opendir("/proc/self/fd");
+    if (listing == nullptr) {
+        return -1;
+    }
+    while (dirent* entry = readdir(listing)) {
+        char target[256];
+        const std::string path = std::string("/proc/self/fd/") + entry->d_name;
+        const ssize_t length = readlink(path.c_str(), target, sizeof target - 1);
+        if (length > 0 && std::string(target, static_cast<std::size_t>(length)).compare(0, 7, "socket:") == 0) {
+            ++count;
+        }
+    }
+    closedir(listing);
+    return count;
 }
 
 bool descriptorIsClosed(int fd) { return fcntl(fd, F_GETFD) == -1 && errno == EBADF; }
@@ -101,42 +122,47 @@ protected:
 
 TEST_F(CommsChannelRegistrationTest, AnonymousChannelIsInstalledButNeverRegisteredAndCreatesNoLocator)
 {
-    CommsChannel sut("");
-    EXPECT_EQ(nullptr, CommsChannelLocatorInspector::current());
-    EXPECT_TRUE(installedInReceiver(&sut));
-    EXPECT_EQ(0, CommsChannelInspector::registerChannel(sut));
-    EXPECT_EQ(0, CommsChannelInspector::unregisterChannel(sut));
-    EXPECT_EQ(nullptr, CommsChannelLocatorInspector::current());
-    EXPECT_TRUE(fakeResolver.received().empty());
-    ASSERT_TRUE(deliverFromOutside(sut, "reached"));
-    EXPECT_EQ("reached", receiveWithin(sut, channeltest::DEADLINE_MS));
+    std::unique_ptr<CommsChannel> sut(new CommsChannel(""));
+    EXPECT_EQ(1, installedChannels());
+    sut.reset();
+    sut.reset(new CommsChannel(""));
+    // No locator was made: a new one would register at the resolver.
+    EXPECT_FALSE(cctest::waitUntil([&] { return !fakeResolver.received().empty(); }, channeltest::STILL_BLOCKED_MS));
+    ASSERT_TRUE(deliverFromOutside(*sut, "reached"));
+    EXPECT_EQ("reached", receiveWithin(*sut, channeltest::DEADLINE_MS));
 }
 
 TEST_F(CommsChannelRegistrationTest, NamedChannelIsRegisteredUnderItsNameAndInstalled)
 {
     CommsChannel sut("named");
-    ASSERT_NE(nullptr, CommsChannelLocatorInspector::current());
+    ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_REGISTER_LOCATOR, 1, channeltest::DEADLINE_MS));
     EXPECT_EQ(&sut, registeredChannel("named"));
-    EXPECT_TRUE(installedInReceiver(&sut));
+    EXPECT_EQ(1, installedChannels());
 }
 
 TEST_F(CommsChannelRegistrationTest, AnonymousChannelDoesNotKeepTheLocatorAlive)
 {
     CommsChannel anonymous("");
     std::unique_ptr<CommsChannel> named(new CommsChannel("named"));
-    ASSERT_NE(nullptr, CommsChannelLocatorInspector::current());
+    std::shared_ptr<CommsChannelLocator> locator = CommsChannelLocatorInspector::shared();
+    ASSERT_FALSE(locator->hasEnded());
     named.reset();
-    EXPECT_EQ(nullptr, CommsChannelLocatorInspector::current());
-    EXPECT_TRUE(installedInReceiver(&anonymous));
+    EXPECT_TRUE(locator->hasEnded());
+    locator.reset();
+    EXPECT_TRUE(fakeResolver.waitForType(COMMS_MSG_UNREGISTER_LOCATOR, 1, channeltest::DEADLINE_MS));
+    EXPECT_EQ(1, installedChannels());
+    ASSERT_TRUE(deliverFromOutside(anonymous, "reached"));
+    EXPECT_EQ("reached", receiveWithin(anonymous, channeltest::DEADLINE_MS));
 }
 
 TEST_F(CommsChannelRegistrationTest, DestroyingOneOfTwoNamedChannelsKeepsTheLocator)
 {
     CommsChannel kept("kept");
     std::unique_ptr<CommsChannel> gone(new CommsChannel("gone"));
-    CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
+    const std::shared_ptr<CommsChannelLocator> locator = CommsChannelLocatorInspector::shared();
     gone.reset();
-    EXPECT_EQ(locator, CommsChannelLocatorInspector::current());
+    EXPECT_FALSE(locator->hasEnded());
+    EXPECT_EQ(locator, CommsChannelLocatorInspector::shared());
     EXPECT_EQ(&kept, registeredChannel("kept"));
     EXPECT_EQ(nullptr, registeredChannel("gone"));
 }
@@ -151,9 +177,11 @@ TEST_F(CommsChannelRegistrationTest, SecondChannelWithARegisteredNameIsConstruct
     EXPECT_EQ("", testing::internal::GetCapturedStderr());
 
     EXPECT_EQ(&first, registeredChannel("duplicate"));
-    EXPECT_EQ(0, CommsChannelInspector::registerChannel(*second));
+    // A second registration of the name is refused.
+    EXPECT_EQ(0, ProcessRuntime::process().registerChannel(second.get()));
+    EXPECT_EQ(&first, registeredChannel("duplicate"));
     // Not reachable by name, but open and installed all the same.
-    EXPECT_TRUE(installedInReceiver(second.get()));
+    EXPECT_EQ(2, installedChannels());
     ASSERT_TRUE(deliverFromOutside(*second, "reached"));
     EXPECT_EQ("reached", receiveWithin(*second, channeltest::DEADLINE_MS));
 }
@@ -187,31 +215,39 @@ TEST_F(CommsChannelRegistrationTest, DestroyingTheSecondDuplicateUnregistersTheN
 
 TEST_F(CommsChannelRegistrationTest, DestroyingTheOnlyChannelReturnsAfterTheReceiverThreadEnded)
 {
+    const int threadsBefore = threadCount();
+    const int socketsBefore = socketCount();
     CommsChannel* sut = new CommsChannel("");
-    ASSERT_NE(nullptr, CommsChannelReceiverInspector::current());
-    const int statusSocket = receiver_state::statusSocket;
-    ASSERT_GT(statusSocket, 0);
-    ASSERT_NE(0ul, receiver_state::receiverThreadId);
+    CommsChannelReceiver* receiver = CommsChannelReceiverInspector::current();
+    ASSERT_FALSE(receiver->hasEnded());
+    EXPECT_EQ(threadsBefore + 1, threadCount());
+    const int socket = sut->socketHandle();
 
     delete sut;
 
-    // The thread closes the status socket as its very last act.
-    EXPECT_EQ(nullptr, CommsChannelReceiverInspector::current());
-    EXPECT_EQ(0, receiver_state::statusSocket.load());
-    EXPECT_TRUE(descriptorIsClosed(statusSocket));
+    // The receiver thread is gone when the destructor returns, and so are
+    // the channel's socket and the receiver's status socket.
+    EXPECT_TRUE(receiver->hasEnded());
+    EXPECT_EQ(threadsBefore, threadCount());
+    EXPECT_TRUE(descriptorIsClosed(socket));
+    EXPECT_EQ(socketsBefore, socketCount());
 }
 
 TEST_F(CommsChannelRegistrationTest, ChannelCreatedAfterTheLastOneWentStartsANewReceiverThread)
 {
-    delete new CommsChannel("");
-    ASSERT_EQ(nullptr, CommsChannelReceiverInspector::current());
-    ASSERT_EQ(0, receiver_state::statusSocket.load());
+    const int threadsBefore = threadCount();
+    CommsChannel* first = new CommsChannel("");
+    CommsChannelReceiver* ended = CommsChannelReceiverInspector::current();
+    delete first;
+    ASSERT_TRUE(ended->hasEnded());
+    ASSERT_EQ(threadsBefore, threadCount());
 
     CommsChannel sut("");
 
-    EXPECT_NE(nullptr, CommsChannelReceiverInspector::current());
-    EXPECT_GT(receiver_state::statusSocket.load(), 0);
-    EXPECT_NE(0ul, receiver_state::receiverThreadId);
+    CommsChannelReceiver* fresh = CommsChannelReceiverInspector::current();
+    EXPECT_FALSE(fresh->hasEnded());
+    EXPECT_EQ(1, fresh->numReceiveChannels());
+    EXPECT_EQ(threadsBefore + 1, threadCount());
     // Only a running receiver thread can move a datagram into the queue.
     ASSERT_TRUE(deliverFromOutside(sut, "reached"));
     EXPECT_EQ("reached", receiveWithin(sut, channeltest::DEADLINE_MS));
@@ -222,20 +258,17 @@ TEST_F(CommsChannelRegistrationTest, LastNamedChannelDeletesTheLocatorAndTheNext
     std::unique_ptr<CommsChannel> first(new CommsChannel("first"));
     EXPECT_EQ(0, sendToUnknown(*first, "unknown 1"));
     EXPECT_EQ(0, sendToUnknown(*first, "unknown 2"));
-    CommsChannelLocator* firstLocator = CommsChannelLocatorInspector::current();
-    ASSERT_NE(nullptr, firstLocator);
-    EXPECT_EQ(2, CommsChannelLocatorInspector::requestId(*firstLocator));
+    std::shared_ptr<CommsChannelLocator> firstLocator = CommsChannelLocatorInspector::shared();
 
     first.reset();
-    EXPECT_EQ(nullptr, CommsChannelLocatorInspector::current());
+    EXPECT_TRUE(firstLocator->hasEnded());
+    firstLocator.reset();
     EXPECT_TRUE(fakeResolver.waitForType(COMMS_MSG_UNREGISTER_LOCATOR, 1, channeltest::DEADLINE_MS));
 
     CommsChannel second("second");
-    CommsChannelLocator* secondLocator = CommsChannelLocatorInspector::current();
-    ASSERT_NE(nullptr, secondLocator);
+    const std::shared_ptr<CommsChannelLocator> secondLocator = CommsChannelLocatorInspector::shared();
+    EXPECT_FALSE(secondLocator->hasEnded());
     ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_REGISTER_LOCATOR, 2, channeltest::DEADLINE_MS));
-    EXPECT_EQ(CommsChannelLocatorInspector::port(*secondLocator),
-              fakeResolver.receivedOfType(COMMS_MSG_REGISTER_LOCATOR).back().sourcePort);
     EXPECT_EQ(0, sendToUnknown(second, "unknown 3"));
 
     const std::vector<cctest::FakeResolver::Received> requests = fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST);
@@ -244,7 +277,10 @@ TEST_F(CommsChannelRegistrationTest, LastNamedChannelDeletesTheLocatorAndTheNext
     EXPECT_EQ(2, requests[1].requestId);
     EXPECT_EQ("unknown 3", requests[2].channel);
     EXPECT_EQ(1, requests[2].requestId);
-    EXPECT_EQ(1, CommsChannelLocatorInspector::requestId(*secondLocator));
+    // The second registration and the third request come from one socket,
+    // the new locator's.
+    EXPECT_EQ(requests[2].sourcePort, fakeResolver.receivedOfType(COMMS_MSG_REGISTER_LOCATOR).back().sourcePort);
+    EXPECT_NE(requests[0].sourcePort, 0);
 }
 
 TEST_F(CommsChannelRegistrationTest, ChannelWhoseSocketFailedIsStillRegisteredAndInstalled)
@@ -254,10 +290,9 @@ TEST_F(CommsChannelRegistrationTest, ChannelWhoseSocketFailedIsStillRegisteredAn
     // before descriptors run out: sanitizer runtimes that check a first
     // virtual call may need a descriptor themselves.
     ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_LOCATOR_UPDATE, 1, channeltest::DEADLINE_MS));
-    ASSERT_TRUE(cctest::waitUntil([] {
-        CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
-        return locator != nullptr && CommsChannelLocatorInspector::initialUpdateReceived(*locator);
-    }, channeltest::DEADLINE_MS));
+    // A look-up waits for the first update to have been taken in.
+    ASSERT_EQ(&keeper, registeredChannel("keeper"));
+    const int installedBefore = installedChannels();
     std::string reported;
     std::unique_ptr<CommsChannel> sut = channeltest::constructWithoutDescriptors("broken", &reported);
 
@@ -265,7 +300,7 @@ TEST_F(CommsChannelRegistrationTest, ChannelWhoseSocketFailedIsStillRegisteredAn
     EXPECT_EQ(std::string("Error creating socket: ") + std::strerror(EMFILE) + "\n", reported);
     EXPECT_EQ(-1, sut->socketHandle());
     EXPECT_EQ(sut.get(), registeredChannel("broken"));
-    EXPECT_TRUE(installedInReceiver(sut.get()));
+    EXPECT_EQ(installedBefore + 1, installedChannels());
 }
 
 }  // namespace

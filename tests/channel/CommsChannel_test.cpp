@@ -3,8 +3,6 @@
 #include "ChannelTestHelpers.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "WhiteBoxAccess.h"
-#include "ReceiverState.h"
-#include "Semaphore.h"
 #include "TestUtil.h"
 
 #include <arpa/inet.h>
@@ -119,16 +117,6 @@ private:
     std::size_t m_count;
 };
 
-bool installedInReceiver(CommsChannel* channel)
-{
-    receiver_state::channelListLock().take(-1);
-    const bool found = receiver_state::receiveChannels != nullptr &&
-                       std::find(receiver_state::receiveChannels->begin(), receiver_state::receiveChannels->end(),
-                                 channel) != receiver_state::receiveChannels->end();
-    receiver_state::channelListLock().give();
-    return found;
-}
-
 bool descriptorIsClosed(int fd) { return fcntl(fd, F_GETFD) == -1 && errno == EBADF; }
 
 int socketOption(int fd, int option)
@@ -199,18 +187,20 @@ TEST_F(CommsChannelTest, BothSocketBuffersAreRequestedAt65535Bytes)
     }
 }
 
-TEST_F(CommsChannelTest, NewChannelHasAnEmptyQueueAndOnlyTheZeroRequestIdEntry)
+TEST_F(CommsChannelTest, NewChannelHasAnEmptyQueueNoWaiterAndIsNotShutDown)
 {
     CommsChannel sut("");
     EXPECT_TRUE(sut.isQEmpty());
+    EXPECT_EQ(0u, CommsChannelInspector::queueLength(sut));
     EXPECT_EQ(0, CommsChannelInspector::queueSemaphoreCount(sut));
-    EXPECT_EQ(1, CommsChannelInspector::queueMutexCount(sut));
-    const std::map<int, Semaphore*>& requestIds = CommsChannelInspector::requestIdSemaphores(sut);
-    ASSERT_EQ(1u, requestIds.size());
-    EXPECT_EQ(0, requestIds.begin()->first);
-    EXPECT_EQ(nullptr, requestIds.begin()->second);
-    EXPECT_FALSE(CommsChannelInspector::isShutdown(sut));
-    EXPECT_EQ(nullptr, CommsChannelInspector::interceptor(sut));
+    EXPECT_FALSE(CommsChannelInspector::hasRequestIdEntry(sut, 0));
+    // Not shut down, and no interceptor: even a message a recording
+    // interceptor would drop is queued and received.
+    CommsChannelDataContainerMessage queued = message("drop me");
+    sut.addToMsgQ(queued);
+    std::string data;
+    EXPECT_EQ(1, sut.receiveMsg(data));
+    EXPECT_EQ("drop me", data);
 }
 
 TEST_F(CommsChannelTest, NameIsKeptAsGiven)
@@ -226,7 +216,6 @@ TEST_F(CommsChannelTest, InterceptorIsStoredAndOutlivesTheChannel)
     RecordingInterceptor interceptor;
     {
         CommsChannel sut("", &interceptor);
-        EXPECT_EQ(&interceptor, CommsChannelInspector::interceptor(sut));
         CommsChannelDataContainerMessage queued = message("x");
         sut.addToMsgQ(queued);
     }
@@ -248,8 +237,8 @@ TEST_F(CommsChannelTest, DestroyingAChannelWithThreeQueuedMessagesDeletesAllThre
     }
     // The interceptor saw the heap copies that the queue owns.
     const std::vector<CommsChannelDataContainerMessage*> copies = interceptor.seen();
-    const std::list<CommsChannelDataContainerMessage*>& queue = CommsChannelInspector::queue(*sut);
-    ASSERT_EQ(std::vector<CommsChannelDataContainerMessage*>(queue.begin(), queue.end()), copies);
+    const std::vector<const CommsChannelDataContainerMessage*> queued = CommsChannelInspector::queuedObjects(*sut);
+    ASSERT_EQ(queued, std::vector<const CommsChannelDataContainerMessage*>(copies.begin(), copies.end()));
     DeletionTracker tracker(copies);
     ASSERT_EQ(0u, tracker.deleted());
 
@@ -303,7 +292,12 @@ TEST_F(CommsChannelTest, ShutdownWakesOneBlockedReceiverPerCallAndEachReturnsZer
     sut.shutdown();
     ASSERT_TRUE(other.finishedWithin());
     EXPECT_EQ(0, other.result());
-    EXPECT_TRUE(CommsChannelInspector::isShutdown(sut));
+    // Shut down for good: a message queued now is not handed out.
+    CommsChannelDataContainerMessage late = message("late");
+    sut.addToMsgQ(late);
+    std::string data = "untouched";
+    EXPECT_EQ(0, sut.receiveMsg(data));
+    EXPECT_EQ("untouched", data);
 }
 
 TEST_F(CommsChannelTest, ShutdownLeavesQueuedMessagesQueuedUntilTheDestructorDeletesThem)
@@ -352,6 +346,7 @@ TEST_F(CommsChannelTest, SocketCreationFailureIsReportedAndTheChannelIsStillBuil
 {
     // The receiver needs descriptors of its own: let another channel make it.
     CommsChannel keeper("");
+    const int installedBefore = CommsChannelReceiverInspector::channelCount();
     std::string reported;
     std::unique_ptr<CommsChannel> sut = channeltest::constructWithoutDescriptors("", &reported);
 
@@ -359,7 +354,9 @@ TEST_F(CommsChannelTest, SocketCreationFailureIsReportedAndTheChannelIsStillBuil
     EXPECT_EQ(std::string("Error creating socket: ") + std::strerror(EMFILE) + "\n", reported);
     EXPECT_EQ(-1, sut->socketHandle());
     EXPECT_EQ(0, sut->port());
-    EXPECT_TRUE(installedInReceiver(sut.get()));
+    EXPECT_EQ(installedBefore + 1, CommsChannelReceiverInspector::channelCount());
+    sut.reset();
+    EXPECT_EQ(installedBefore, CommsChannelReceiverInspector::channelCount());
 }
 
 TEST_F(CommsChannelTest, BindFailureIsReportedAndTheClosedDescriptorNumberIsKept)
@@ -380,6 +377,7 @@ TEST_F(CommsChannelTest, BindFailureIsReportedAndTheClosedDescriptorNumberIsKept
     testing::internal::CaptureStderr();
     const int expectedDescriptor = cctest::nextFreeDescriptor();
 
+    const int installedBefore = CommsChannelReceiverInspector::channelCount();
     std::unique_ptr<CommsChannel> sut(new CommsChannel(""));
 
     const std::string reported = testing::internal::GetCapturedStderr();
@@ -391,7 +389,7 @@ TEST_F(CommsChannelTest, BindFailureIsReportedAndTheClosedDescriptorNumberIsKept
     EXPECT_EQ(expectedDescriptor, sut->socketHandle());
     EXPECT_TRUE(descriptorIsClosed(sut->socketHandle()));
     EXPECT_EQ(0, sut->port());
-    EXPECT_TRUE(installedInReceiver(sut.get()));
+    EXPECT_EQ(installedBefore + 1, CommsChannelReceiverInspector::channelCount());
 }
 
 }  // namespace

@@ -294,12 +294,13 @@ TEST_F(CommsChannelDispatcherTest, SenderWithDescriptorZeroFailsWithoutEncodingO
     CCInterProcDispatcher sut(peer.port());
     CountingMessage message;
     fill(message, "never sent");
-    const int realSocket = CommsChannelInspector::swapSocketHandle(sender, 0);
+    ChannelWithReportedDescriptor withoutSocket("");
+    withoutSocket.reportDescriptor(0);
 
     testing::internal::CaptureStderr();
-    const int result = sut.sendMsg(&sender, message);
+    const int result = sut.sendMsg(&withoutSocket, message);
     const std::string errors = testing::internal::GetCapturedStderr();
-    CommsChannelInspector::swapSocketHandle(sender, realSocket);
+    withoutSocket.reportOwnDescriptor();
 
     EXPECT_EQ(0, result);
     EXPECT_EQ(0, message.encodeCalls);
@@ -332,13 +333,15 @@ TEST_F(CommsChannelDispatcherTest, SendtoFailureOnAClosedSocketPrintsItsTextAndF
     CCInterProcDispatcher sut(peer.port());
     CommsChannelDataContainerMessage message;
     fill(message, "through a closed socket");
-    // Capturing opens a file, so the free number is taken after that.
+    // The channel's own socket is made first; capturing opens a file, so
+    // the free number is taken after both.
+    ChannelWithReportedDescriptor closedSender("");
     testing::internal::CaptureStderr();
     const int closedDescriptor = cctest::nextFreeDescriptor();
-    const int realSocket = CommsChannelInspector::swapSocketHandle(sender, closedDescriptor);
-    const int result = sut.sendMsg(&sender, message);
+    closedSender.reportDescriptor(closedDescriptor);
+    const int result = sut.sendMsg(&closedSender, message);
     const std::string errors = testing::internal::GetCapturedStderr();
-    CommsChannelInspector::swapSocketHandle(sender, realSocket);
+    closedSender.reportOwnDescriptor();
 
     EXPECT_EQ(0, result);
     EXPECT_EQ(SENDTO_FAILURE + ": " + std::strerror(EBADF) + "\n", errors);
