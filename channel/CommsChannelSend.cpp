@@ -1,7 +1,6 @@
 // The send operations: build or complete a data message whose source is this
 // channel, and hand it to the dispatcher that the locator finds for its
 // destination.
-#include "AnswerExpectation.h"
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelDispatcher.h"
@@ -114,9 +113,5 @@ int CommsChannel::send(CommsChannelDataContainerMessage& message)
     if (!dispatcher) {
         return 0;
     }
-    const int sent = dispatcher->sendMsg(this, message);
-    if (sent == 1) {
-        answer_expectation::noteSend();
-    }
-    return sent;
+    return dispatcher->sendMsg(this, message);
 }

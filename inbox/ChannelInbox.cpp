@@ -336,21 +336,23 @@ int ChannelInbox::takeById(CommsChannelDataContainerMessage& out, long requestId
             waited = true;
         }
         if (!waited) {
-            balanceFoundAtOnce(waiter);
+            balanceFoundAtOnce(waiter, timeout);
         }
     }
     deleteAll(discarded);
     return 1;
 }
 
-void ChannelInbox::balanceFoundAtOnce(Waiter& waiter)
+void ChannelInbox::balanceFoundAtOnce(Waiter& waiter, int timeout)
 {
     // The message was there before we looked, so its token was never taken:
     // it came to us if the message arrived after we registered, else it went
     // to the general receivers. The short wait is the system's fixed way of
-    // telling the two apart.
+    // telling the two apart. A general token that another receiver took
+    // already is not waited for beyond the caller's own time-out: the
+    // message is ours either way.
     if (!waitForOwnToken(waiter, BALANCE_WAIT_MS, nullptr)) {
-        waitForGeneralToken(-1, nullptr);
+        waitForGeneralToken(timeout, nullptr);
     }
 }
 

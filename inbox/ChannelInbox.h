@@ -108,7 +108,7 @@ private:
     void takeOut(Queue::iterator position, CommsChannelDataContainerMessage* out, std::string* data,
                  Queue& discarded);
     Queue::iterator findRequest(long requestId);
-    void balanceFoundAtOnce(Waiter& waiter);
+    void balanceFoundAtOnce(Waiter& waiter, int timeout);
 
     Mutex m_lock;
     ConditionVariable m_generalToken;     // signalled once per general token

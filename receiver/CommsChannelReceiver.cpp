@@ -74,9 +74,6 @@ CommsChannelReceiver::CommsChannelReceiver() : m_pstate(new ReceiverState())
 CommsChannelReceiver::~CommsChannelReceiver()
 {
     stopThread();
-    if (m_pstate->epollFd >= 0) {
-        close(m_pstate->epollFd);
-    }
     delete m_pstate;
 }
 
@@ -186,6 +183,11 @@ void CommsChannelReceiver::stopThread()
     threader.waitForThreadCompletion(m_pstate->threadId);
     ScopedLock hold(m_pstate->listLock);
     m_pstate->ended = true;
-    // Nobody sends through the status socket once the receiver has ended.
+    // Nobody sends through the status socket or watches the epoll set once
+    // the receiver has ended.
     m_pstate->status.close();
+    if (m_pstate->epollFd >= 0) {
+        close(m_pstate->epollFd);
+        m_pstate->epollFd = -1;
+    }
 }

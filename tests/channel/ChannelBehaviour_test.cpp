@@ -370,3 +370,39 @@ TEST(ChannelBehaviourTest, ThrowingInterceptorRefusesItsMessageAndLeavesTheChann
 {
     cctest::expectChildPasses("interceptorThrows", {}, 60000);
 }
+
+// A by-id receive that finds its message already queued balances the token
+// that message made. If another receive has spent that token meanwhile, the
+// by-id receive still returns with its message, within its own time-out
+// plus the fixed 10 ms wait, instead of waiting for a token that may never
+// come. Run in a child: a receive that never returns ends only with it.
+CC_CHILD_MAIN(byIdReceiveWhoseTokenWasSpent)
+{
+    (void)args;
+    cctest::ChildChecks checks;
+    CommsChannel channel("");
+    CommsChannelDataContainerMessage request;
+    request.setRequestId(7);
+    request.setData("seven", 5);
+    checks.expect(channel.addToMsgQ(request) == 1, "the message was not queued");
+    // The message's token and the shutdown's are spent by general receives,
+    // which return 0 after a shutdown and leave the message queued.
+    channel.shutdown();
+    CommsChannelDataContainerMessage ignored;
+    checks.expect(channel.receiveMsg_ByID_Timed(ignored, 0, 100) == 0, "a general receive took a message");
+    checks.expect(channel.receiveMsg_ByID_Timed(ignored, 0, 100) == 0, "a general receive took a message");
+    checks.expect(!channel.isQEmpty(), "the message is gone");
+
+    const long long start = cctest::nowMs();
+    CommsChannelDataContainerMessage reply;
+    const int received = channel.receiveMsg_ByID_Timed(reply, 7, 200);
+    const long long took = cctest::nowMs() - start;
+    checks.expect(received == 1 && reply.getData() == "seven", "the by-id receive did not return the message");
+    checks.expect(took < 1000, "the by-id receive took " + std::to_string(took) + " ms");
+    return checks.finish();
+}
+
+TEST(ChannelBehaviourTest, ByIdReceiveWhoseTokenWasSpentReturnsWithinItsTimeOut)
+{
+    cctest::expectChildPasses("byIdReceiveWhoseTokenWasSpent", {}, 30000);
+}
