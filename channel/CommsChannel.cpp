@@ -6,13 +6,11 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "ProcessRuntime.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include "LoopbackSocket.h"
+
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 
 namespace {
 
@@ -22,13 +20,13 @@ const int SOCKET_BUFFER_SIZE = 65535;
 }  // namespace
 
 CommsChannel::CommsChannel(const std::string& name)
-    : m_channelName(name), m_socketHandle(0), m_port(0), m_pinbox(std::make_shared<ChannelInbox>(nullptr))
+    : m_channelName(name), m_socketHandle(0), m_port(0), m_ownsSocket(false), m_pinbox(std::make_shared<ChannelInbox>(nullptr))
 {
     construct();
 }
 
 CommsChannel::CommsChannel(const std::string& name, CCInterceptorDispatcher* interceptor)
-    : m_channelName(name), m_socketHandle(0), m_port(0), m_pinbox(std::make_shared<ChannelInbox>(interceptor))
+    : m_channelName(name), m_socketHandle(0), m_port(0), m_ownsSocket(false), m_pinbox(std::make_shared<ChannelInbox>(interceptor))
 {
     construct();
 }
@@ -46,33 +44,22 @@ int CommsChannel::createSocket()
 {
     // Close-on-exec: a program this process starts must not keep the
     // channel's port bound after the process is gone.
-    m_socketHandle = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (m_socketHandle == -1) {
-        perror("Error creating socket");
-        return 0;
-    }
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_port = 0;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
+    SocketStep failed = SocketStep::None;
+    int tried = -1;
+    LoopbackSocket socket = LoopbackSocket::open(0, &failed, 0, &tried);
     // After a failed bind or getsockname the handle keeps the closed number
-    // on purpose; the destructor closes it again unconditionally.
-    if (bind(m_socketHandle, reinterpret_cast<sockaddr*>(&address), length) == -1) {
-        perror("CommsChannel::createSocket bind");
-        close(m_socketHandle);
+    // on purpose; the channel never closes it again.
+    m_socketHandle = tried;
+    if (!socket.valid()) {
+        perror(failed == SocketStep::Create ? "Error creating socket"
+               : failed == SocketStep::Bind ? "CommsChannel::createSocket bind"
+                                            : "CommsChannel::createSocket getsockname");
         return 0;
     }
-    if (getsockname(m_socketHandle, reinterpret_cast<sockaddr*>(&address), &length) == -1) {
-        perror("CommsChannel::createSocket getsockname");
-        close(m_socketHandle);
-        return 0;
-    }
-    m_port = ntohs(address.sin_port);
-    const int bufferSize = SOCKET_BUFFER_SIZE;
-    setsockopt(m_socketHandle, SOL_SOCKET, SO_SNDBUF, &bufferSize, sizeof bufferSize);
-    setsockopt(m_socketHandle, SOL_SOCKET, SO_RCVBUF, &bufferSize, sizeof bufferSize);
+    m_port = socket.port();
+    socket.setBuffers(SOCKET_BUFFER_SIZE);
+    m_ownsSocket = true;
+    m_socketHandle = socket.release();
     return 1;
 }
 
@@ -81,7 +68,9 @@ CommsChannel::~CommsChannel()
     m_pinbox->shutdown();
     uninstallReceiveChannel();
     unregisterChannel();
-    close(m_socketHandle);
+    if (m_ownsSocket) {
+        close(m_socketHandle);
+    }
     // A send of this process that found the channel before it went may still
     // be delivering; from now on its message is dropped, and the interceptor
     // is never called again. The queued messages go with the last holder of

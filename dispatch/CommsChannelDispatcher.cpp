@@ -4,6 +4,7 @@
 #include "ChannelInbox.h"
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
+#include "LoopbackSocket.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -35,11 +36,7 @@ int CCInterProcDispatcher::sendMsg(CommsChannel* sender, CommsChannelDataContain
     if (sender == nullptr || sender->socketHandle() == 0) {
         return 0;
     }
-    sockaddr_in destination;
-    std::memset(&destination, 0, sizeof destination);
-    destination.sin_family = AF_INET;
-    destination.sin_port = htons(static_cast<uint16_t>(m_port & 0xFFFF));
-    destination.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const sockaddr_in destination = loopbackAddress(m_port & 0xFFFF);
 
     // Large data travels in a spool file so that the encoding stays within
     // a datagram or two.

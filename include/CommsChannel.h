@@ -110,6 +110,7 @@ private:
     std::string m_channelName;
     int m_socketHandle;
     int m_port;
+    bool m_ownsSocket;  // false when the socket could not be set up
     // The queue, its tokens and its waiters; shared with the intra-process
     // dispatchers that deliver into it. Closed by the destructor.
     const std::shared_ptr<ChannelInbox> m_pinbox;

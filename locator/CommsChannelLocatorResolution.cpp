@@ -13,8 +13,7 @@ namespace {
 // process; it is never deleted, and its shares own nothing.
 const std::shared_ptr<CommsChannelDispatcher>& sharedNullDispatcher()
 {
-    static CCNullDispatcher* const nullDispatcher = new CCNullDispatcher();
-    static const std::shared_ptr<CommsChannelDispatcher> share(nullDispatcher, [](CommsChannelDispatcher*) {});
+    static const std::shared_ptr<CommsChannelDispatcher> share(new CCNullDispatcher(), [](CommsChannelDispatcher*) {});
     return share;
 }
 

@@ -51,6 +51,10 @@ struct ReceiverState {
     // not held up by a sender that never completes it. -1: none.
     std::atomic<int> joiningSocket{-1};
     std::atomic<int> abandonSocket{-1};
+    // The thread's own: the listings due in a pass, and the buffer that
+    // encodings up to 64 KiB are read into.
+    FdEntries due;
+    std::vector<char> scratch;
 };
 
 // The thread's entry; the argument is the receiver's ReceiverState.
@@ -66,7 +70,8 @@ bool getSocketData(int socket, char* buffer, unsigned int length, bool peek);
 bool receiveChannelMessage(ReceiverState& state, int socket, CommsChannelMessage& message);
 
 // The exception text thrown by the thread on a message it cannot read.
-extern const char* const RECEIVE_FAILURE;
+constexpr const char* RECEIVE_FAILURE =
+    "CommsChannelReceiver - monitorChannels(), Failed to receive a message correctly";
 
 }  // namespace receiver_state
 

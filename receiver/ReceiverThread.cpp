@@ -30,9 +30,6 @@
 
 namespace receiver_state {
 
-const char* const RECEIVE_FAILURE =
-    "CommsChannelReceiver - monitorChannels(), Failed to receive a message correctly";
-
 namespace {
 
 // Further encodings read from a socket in one pass once it was found ready,
@@ -130,7 +127,7 @@ ReadOutcome readEncoding(ReceiverState& state, int socket, CommsChannelMessage& 
         return READ_FAILED;
     }
     const std::uint32_t totalLength = wire_header::totalLength(header);
-    static thread_local std::vector<char> scratch;
+    std::vector<char>& scratch = state.scratch;
     std::unique_ptr<char[]> large;
     char* buffer = nullptr;
     if (totalLength <= SCRATCH_BYTES) {
@@ -179,7 +176,7 @@ void serve(ReceiverState& state, CommsChannel* channel, int fd, int drain, bool 
 // REQUIRES: the list lock is held.
 const FdEntries& dueChannels(ReceiverState& state, const epoll_event* events, int ready)
 {
-    static thread_local FdEntries due;
+    FdEntries& due = state.due;
     due.clear();
     for (int i = 0; i < ready; ++i) {
         const std::unordered_map<int, FdEntries>::const_iterator entries = state.byFd.find(events[i].data.fd);

@@ -57,10 +57,18 @@ LoopbackSocket LoopbackSocket::adopt(int fd)
 
 LoopbackSocket LoopbackSocket::open(int port, SocketStep* failedStep, int extraTypeFlags)
 {
+    return open(port, failedStep, extraTypeFlags, nullptr);
+}
+
+LoopbackSocket LoopbackSocket::open(int port, SocketStep* failedStep, int extraTypeFlags, int* descriptorTried)
+{
     SocketStep ignored;
     SocketStep& step = failedStep != nullptr ? *failedStep : ignored;
     step = SocketStep::Create;
     const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | extraTypeFlags, 0);
+    if (descriptorTried != nullptr) {
+        *descriptorTried = fd;
+    }
     if (fd < 0) {
         return LoopbackSocket();
     }

@@ -43,6 +43,10 @@ public:
     // failing call set it, so the caller may perror() at once. failedStep
     // may be null; it is set to None on success.
     static LoopbackSocket open(int port, SocketStep* failedStep, int extraTypeFlags = 0);
+    // The same, also telling through descriptorTried the number socket()
+    // gave (-1 when it failed), which a failed bind or getsockname has
+    // closed again by the time this returns.
+    static LoopbackSocket open(int port, SocketStep* failedStep, int extraTypeFlags, int* descriptorTried);
     // The same, for callers that only want the error: *err gets errno on
     // failure and 0 on success (err may be null).
     static LoopbackSocket open(int port, int* err);
