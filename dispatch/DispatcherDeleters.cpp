@@ -1,6 +1,6 @@
 #include "DispatcherDeleters.h"
 
-#include "Semaphore.h"
+#include "Mutex.h"
 
 #include <utility>
 #include <vector>
@@ -9,19 +9,17 @@ namespace dispatcher_deleters {
 
 namespace {
 
-typedef std::vector<std::pair<const std::type_info*, Deleter>> Table;
+// Classes added at run time, with the lock that guards them. Lives as long
+// as the process: a dispatcher may be released by the last send under way
+// while the process exits.
+struct Table {
+    Mutex lock;
+    std::vector<std::pair<const std::type_info*, Deleter>> rows;  // guarded by lock
+};
 
-// Classes added at run time. Lives as long as the process: a dispatcher may
-// be released by the last send under way while the process exits.
-Semaphore& tableLock()
+Table& addedClasses()
 {
-    static Semaphore* lock = new Semaphore(Semaphore::AVAILABLE, 1, false);
-    return *lock;
-}
-
-Table& addedClasses()  // guarded by tableLock
-{
-    static Table* table = new Table();
+    static Table* const table = new Table();
     return *table;
 }
 
@@ -50,16 +48,15 @@ void add(const std::type_info& type, Deleter deleter)
     if (builtInDeleter(type) != nullptr) {
         return;
     }
-    tableLock().take(-1);
     Table& table = addedClasses();
+    ScopedLock hold(table.lock);
     bool known = false;
-    for (const auto& row : table) {
+    for (const auto& row : table.rows) {
         known = known || *row.first == type;
     }
     if (!known) {
-        table.push_back(std::make_pair(&type, deleter));
+        table.rows.push_back(std::make_pair(&type, deleter));
     }
-    tableLock().give();
 }
 
 bool destroy(CommsChannelDispatcher* dispatcher)
@@ -70,13 +67,13 @@ bool destroy(CommsChannelDispatcher* dispatcher)
     const std::type_info& type = typeid(*dispatcher);
     Deleter deleter = builtInDeleter(type);
     if (deleter == nullptr) {
-        tableLock().take(-1);
-        for (const auto& row : addedClasses()) {
+        Table& table = addedClasses();
+        ScopedLock hold(table.lock);
+        for (const auto& row : table.rows) {
             if (*row.first == type) {
                 deleter = row.second;
             }
         }
-        tableLock().give();
     }
     if (deleter == nullptr) {
         return false;
