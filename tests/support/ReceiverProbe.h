@@ -28,6 +28,7 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -70,6 +71,73 @@ public:
     static bool waitForThreadCount(int count, int timeoutMs = 20000)
     {
         return waitUntil([count] { return threadCount() == count; }, timeoutMs);
+    }
+
+    // The thread ids of this process.
+    static std::vector<int> threadIds()
+    {
+        std::vector<int> ids;
+        DIR* tasks = opendir("/proc/self/task");
+        if (tasks == nullptr) {
+            return ids;
+        }
+        while (dirent* entry = readdir(tasks)) {
+            if (entry->d_name[0] != '.') {
+                ids.push_back(std::atoi(entry->d_name));
+            }
+        }
+        closedir(tasks);
+        return ids;
+    }
+    static bool threadExists(int tid) { return access(("/proc/self/task/" + std::to_string(tid)).c_str(), F_OK) == 0; }
+    // The system call a thread is blocked in (-1 when it runs or is gone).
+    static long blockedIn(int tid)
+    {
+        std::ifstream call("/proc/self/task/" + std::to_string(tid) + "/syscall");
+        long number = -1;
+        if (!(call >> number)) {
+            return -1;
+        }
+        return number;
+    }
+    static bool waitsInEpoll(int tid)
+    {
+        const long number = blockedIn(tid);
+#ifdef SYS_epoll_wait
+        if (number == SYS_epoll_wait) {
+            return true;
+        }
+#endif
+        return number == SYS_epoll_pwait;
+    }
+    static bool waitsInPoll(int tid)
+    {
+        const long number = blockedIn(tid);
+#ifdef SYS_poll
+        if (number == SYS_poll) {
+            return true;
+        }
+#endif
+        return number == SYS_ppoll;
+    }
+    // The receiver thread: the one thread waiting in epoll_wait, found once
+    // it waits there (0 when none was found in time).
+    static int receiverThreadId(int timeoutMs = 20000)
+    {
+        int found = 0;
+        waitUntil(
+            [&found] {
+                int waiting = 0;
+                for (int tid : threadIds()) {
+                    if (waitsInEpoll(tid)) {
+                        found = tid;
+                        ++waiting;
+                    }
+                }
+                return waiting == 1;
+            },
+            timeoutMs);
+        return found;
     }
 
     // The descriptors of this process that are epoll sets (the receiver's).
