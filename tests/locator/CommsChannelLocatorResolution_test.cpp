@@ -357,6 +357,36 @@ TEST(CommsChannelLocatorInitialWait, UpdateWithZeroRowsEndsTheInitialWait)
     EXPECT_EQ(0u, LocatorProbe::remoteCount());
 }
 
+TEST(CommsChannelLocatorInitialWait, FirstUpdateLetsEveryWaitingResolutionGoOn)
+{
+    FakeResolver fakeResolver(false, true);
+    ASSERT_TRUE(fakeResolver.ok());
+    fakeResolver.setPort("two", 41002);
+    CommsChannel anchor("anchor");
+    const int port = fakeResolver.waitForLocator(20000);
+    ASSERT_NE(0, port);
+    PendingResolution one("one");
+    PendingResolution two("two");
+    PendingResolution three("three");
+    ASSERT_TRUE(one.staysBlocked());
+    ASSERT_TRUE(two.staysBlocked());
+    ASSERT_TRUE(three.staysBlocked());
+    EXPECT_TRUE(fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST).empty());
+
+    ASSERT_GT(fakeResolver.sendUpdate(port, Rows{}), 0);
+
+    // Far below the 100 s that the wait would otherwise last.
+    ASSERT_TRUE(one.waitDone(30000));
+    ASSERT_TRUE(two.waitDone(30000));
+    ASSERT_TRUE(three.waitDone(30000));
+    EXPECT_EQ(3u, fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST).size());
+    EXPECT_NE(nullptr, dynamic_cast<CCNullDispatcher*>(one.result()));
+    CCInterProcDispatcher* found = dynamic_cast<CCInterProcDispatcher*>(two.result());
+    ASSERT_NE(nullptr, found);
+    EXPECT_EQ(41002, found->port());
+    EXPECT_NE(nullptr, dynamic_cast<CCNullDispatcher*>(three.result()));
+}
+
 TEST(CommsChannelLocatorInitialWait, LaterResolutionsDoNotWaitAgain)
 {
     FakeResolver fakeResolver(false, true);
