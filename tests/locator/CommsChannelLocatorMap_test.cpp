@@ -10,6 +10,7 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -33,10 +34,20 @@ class CommsChannelLocatorMapTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(fakeResolver.ok()); }
 
-    // Waits until the locator learnt every name that the resolver knows.
-    void waitForRemoteCount(std::size_t count)
+    // Waits until the locator learnt every one of the names (the resolver's
+    // answer to its registration lists them all at once).
+    void waitForNames(const std::vector<std::string>& names)
     {
-        ASSERT_TRUE(cctest::waitUntil([count] { return LocatorProbe::remoteCount() == count; }, 20000));
+        ASSERT_TRUE(cctest::waitUntil(
+            [&names] {
+                for (const std::string& name : names) {
+                    if (!LocatorProbe::knows(name)) {
+                        return false;
+                    }
+                }
+                return true;
+            },
+            20000));
     }
 
     std::string dump()
@@ -58,7 +69,7 @@ TEST_F(CommsChannelLocatorMapTest, EmptyLocatorHasSizeZeroAndPrintsNothing)
 
     CommsChannel unnamed("");
     sut->unregisterChannel(&unnamed);  // the empty locator ends itself
-    EXPECT_EQ(nullptr, LocatorProbe::current());
+    EXPECT_TRUE(sut->hasEnded());
 }
 
 TEST_F(CommsChannelLocatorMapTest, SizeAddsLocalAndRemoteEntries)
@@ -66,7 +77,7 @@ TEST_F(CommsChannelLocatorMapTest, SizeAddsLocalAndRemoteEntries)
     fakeResolver.setPort("far", 40001);
     CommsChannel first("first");
     CommsChannel second("second");
-    waitForRemoteCount(1);
+    waitForNames({"far"});
 
     EXPECT_EQ(3u, CommsChannelLocator::instance()->size());
 }
@@ -75,7 +86,9 @@ TEST_F(CommsChannelLocatorMapTest, SizeCountsANameInBothMapsTwice)
 {
     fakeResolver.setPort("both", 40002);
     CommsChannel both("both");
-    waitForRemoteCount(1);
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+    // The name is local already; the remote row shows in the size.
+    ASSERT_TRUE(cctest::waitUntil([] { return CommsChannelLocator::instance()->size() == 2u; }, 20000));
     ASSERT_EQ(&both, LocatorProbe::localHandle("both"));
 
     EXPECT_EQ(2u, CommsChannelLocator::instance()->size());
@@ -88,7 +101,7 @@ TEST_F(CommsChannelLocatorMapTest, DumpPrintsLocalMapFirstThenRemoteMapEachInByt
     fakeResolver.setPort("bravo", 40005);
     CommsChannel lower("local");
     CommsChannel upper("Local");
-    waitForRemoteCount(3);
+    waitForNames({"zulu", "Charlie", "bravo"});
 
     const std::string expected = block("Local", upper.port(), &upper) + block("local", lower.port(), &lower) +
                                  block("Charlie", 40004, nullptr) + block("bravo", 40005, nullptr) +
@@ -100,7 +113,8 @@ TEST_F(CommsChannelLocatorMapTest, DumpPrintsTheSameNameOnceFromEachMap)
 {
     fakeResolver.setPort("both", 40006);
     CommsChannel both("both");
-    waitForRemoteCount(1);
+    ASSERT_NE(0, fakeResolver.waitForLocator(20000));
+    ASSERT_TRUE(cctest::waitUntil([] { return CommsChannelLocator::instance()->size() == 2u; }, 20000));
 
     EXPECT_EQ(block("both", both.port(), &both) + block("both", 40006, nullptr), dump());
 }
@@ -109,7 +123,7 @@ TEST_F(CommsChannelLocatorMapTest, DumpPrintsPortsInTheStreamsCurrentIntegerForm
 {
     fakeResolver.setPort("hex", 0xABCD);
     CommsChannel anchor("anchor");
-    waitForRemoteCount(1);
+    waitForNames({"hex"});
 
     std::cout << std::hex;
     const std::string output = dump();

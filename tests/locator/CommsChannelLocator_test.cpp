@@ -1,6 +1,7 @@
-// The locator singleton, its socket towards the resolver and the thread that
+// The process's locator, its socket towards the resolver and the thread that
 // reads it. A cctest::FakeResolver plays the resolver on port 5000; foreign
-// sockets play strangers that write to the locator's port.
+// sockets play strangers that write to the locator's port. The locator's
+// socket is found among the process's descriptors (LocatorProbe::socket).
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelLocator.h"
@@ -62,18 +63,15 @@ std::string withClaimedLength(std::string encoding, std::uint32_t claimed)
 
 class CommsChannelLocatorTest : public testing::Test {
 protected:
-    int locatorPort()
-    {
-        CommsChannelLocator* locator = LocatorProbe::current();
-        return locator != nullptr ? CommsChannelLocatorInspector::port(*locator) : 0;
-    }
+    // The current locator's port; others are sockets the test opened.
+    int locatorPort(const std::vector<int>& others = std::vector<int>()) { return LocatorProbe::port(others); }
 
     // Sends an update with one row naming marker and waits until the
     // locator thread applied it: everything sent before has been handled.
     void sendMarkerAndWait(FakeResolver& resolver, const std::string& marker = "marker")
     {
         ASSERT_GT(resolver.sendUpdate(locatorPort(), Rows{std::make_tuple(0, marker, 40999)}), 0);
-        ASSERT_TRUE(cctest::waitUntil([&] { return LocatorProbe::remoteHas(marker); }, 20000));
+        ASSERT_TRUE(cctest::waitUntil([&] { return LocatorProbe::knows(marker); }, 20000));
     }
 
     // Resolves name on a thread of its own, with a deadline.
@@ -126,7 +124,7 @@ TEST_F(CommsChannelLocatorTest, TwoThreadsCallingInstanceAtOnceGetOneLocatorBuil
         EXPECT_EQ(seen[0], seen[1]);
         // An empty locator ends itself on any unregistration.
         seen[0]->unregisterChannel(&unnamed);
-        ASSERT_EQ(nullptr, LocatorProbe::current());
+        ASSERT_TRUE(seen[0]->hasEnded());
     }
 
     // Every constructor registers once at the resolver.
@@ -147,8 +145,9 @@ TEST_F(CommsChannelLocatorTest, RegistrationAtConstructionCarriesTheLocatorsOwnP
     const std::vector<FakeResolver::Received> registrations =
         fakeResolver.receivedOfType(COMMS_MSG_REGISTER_LOCATOR);
     ASSERT_EQ(1u, registrations.size());
-    EXPECT_EQ(CommsChannelLocatorInspector::port(*sut), registrations[0].port);
-    EXPECT_EQ(CommsChannelLocatorInspector::port(*sut), registrations[0].sourcePort);
+    ASSERT_NE(0, locatorPort());
+    EXPECT_EQ(locatorPort(), registrations[0].port);
+    EXPECT_EQ(locatorPort(), registrations[0].sourcePort);
 }
 
 TEST_F(CommsChannelLocatorTest, LocatorPortIsThePortItsSocketIsBoundTo)
@@ -157,14 +156,22 @@ TEST_F(CommsChannelLocatorTest, LocatorPortIsThePortItsSocketIsBoundTo)
     CommsChannelLocator* sut = LocatorProbe::current();
     ASSERT_NE(nullptr, sut);
 
+    // The resolver that answers later learns the port from the
+    // registration that the locator sends itself.
+    FakeResolver fakeResolver(false, false);
+    ASSERT_TRUE(fakeResolver.ok());
+    CommsChannelRegisterLocatorMessage registration;
+    registration.setPort(locatorPort());
+    ASSERT_EQ(1, sut->send(registration));
+    ASSERT_TRUE(fakeResolver.waitForType(COMMS_MSG_REGISTER_LOCATOR, 1, 20000));
+    const FakeResolver::Received received = fakeResolver.receivedOfType(COMMS_MSG_REGISTER_LOCATOR)[0];
+
     sockaddr_in address;
     socklen_t length = sizeof address;
-    ASSERT_EQ(0, getsockname(CommsChannelLocatorInspector::socket(*sut), reinterpret_cast<sockaddr*>(&address),
-                             &length));
-    EXPECT_EQ(ntohs(address.sin_port), CommsChannelLocatorInspector::port(*sut));
+    ASSERT_EQ(0, getsockname(LocatorProbe::socket(), reinterpret_cast<sockaddr*>(&address), &length));
+    EXPECT_EQ(ntohs(address.sin_port), received.sourcePort);
+    EXPECT_EQ(ntohs(address.sin_port), received.port);
     EXPECT_EQ(htonl(INADDR_LOOPBACK), address.sin_addr.s_addr);
-    EXPECT_EQ(0, CommsChannelLocatorInspector::requestId(*sut));
-    EXPECT_FALSE(CommsChannelLocatorInspector::initialUpdateReceived(*sut));
 }
 
 TEST_F(CommsChannelLocatorTest, ConstructionWithASilentResolverSucceeds)
@@ -176,10 +183,10 @@ TEST_F(CommsChannelLocatorTest, ConstructionWithASilentResolverSucceeds)
 
     CommsChannelLocator* sut = LocatorProbe::current();
     ASSERT_NE(nullptr, sut);
-    EXPECT_GT(CommsChannelLocatorInspector::socket(*sut), 0);
-    EXPECT_NE(0, CommsChannelLocatorInspector::port(*sut));
+    EXPECT_GT(LocatorProbe::socket(), 0);
+    EXPECT_NE(0, locatorPort());
     EXPECT_EQ(&anchor, LocatorProbe::localHandle("anchor"));
-    EXPECT_NE(0, fakeResolver.waitForLocator(20000));
+    EXPECT_EQ(locatorPort(), fakeResolver.waitForLocator(20000));
 }
 
 TEST_F(CommsChannelLocatorTest, ConstructionWithNothingOnTheResolverPortSucceedsAndSendsStillSucceed)
@@ -189,7 +196,7 @@ TEST_F(CommsChannelLocatorTest, ConstructionWithNothingOnTheResolverPortSucceeds
     ASSERT_NE(nullptr, sut);
 
     CommsChannelRegisterLocatorMessage registration;
-    registration.setPort(CommsChannelLocatorInspector::port(*sut));
+    registration.setPort(locatorPort());
     EXPECT_EQ(1, sut->send(registration));
 
     // The thread is listening all the same: a resolver that starts later
@@ -259,16 +266,19 @@ TEST_F(CommsChannelLocatorTest, ShortAndLyingDatagramsFromAForeignSocketLeaveThe
     const std::string valid = updateEncoding(Rows{std::make_tuple(0, "ghost", 40301)});
     cctest::UdpSocket stranger;
     ASSERT_TRUE(stranger.ok());
+    const int port = locatorPort({stranger.fd()});
+    ASSERT_NE(0, port);
 
-    stranger.sendTo(locatorPort(), "abc", 3);
-    stranger.sendTo(locatorPort(), withClaimedLength(valid, static_cast<std::uint32_t>(valid.size() + 100)));
-    stranger.sendTo(locatorPort(), withClaimedLength(valid, static_cast<std::uint32_t>(valid.size() - 5)));
-    stranger.sendTo(locatorPort(), withClaimedLength(valid, 0xFFFFFFF0u));
-    stranger.sendTo(locatorPort(), withClaimedLength(valid, 0));
-    stranger.sendTo(locatorPort(), withClaimedLength(valid, 3));
+    stranger.sendTo(port, "abc", 3);
+    stranger.sendTo(port, withClaimedLength(valid, static_cast<std::uint32_t>(valid.size() + 100)));
+    stranger.sendTo(port, withClaimedLength(valid, static_cast<std::uint32_t>(valid.size() - 5)));
+    stranger.sendTo(port, withClaimedLength(valid, 0xFFFFFFF0u));
+    stranger.sendTo(port, withClaimedLength(valid, 0));
+    stranger.sendTo(port, withClaimedLength(valid, 3));
 
-    sendMarkerAndWait(fakeResolver);
-    EXPECT_FALSE(LocatorProbe::remoteHas("ghost"));
+    ASSERT_GT(fakeResolver.sendUpdate(port, Rows{std::make_tuple(0, "marker", 40999)}), 0);
+    ASSERT_TRUE(cctest::waitUntil([&] { return LocatorProbe::knows("marker"); }, 20000));
+    EXPECT_FALSE(LocatorProbe::knows("ghost"));
     CCInterProcDispatcher* far = dynamic_cast<CCInterProcDispatcher*>(resolve("far"));
     ASSERT_NE(nullptr, far);
     EXPECT_EQ(40300, far->port());
@@ -279,19 +289,19 @@ TEST_F(CommsChannelLocatorTest, NextLocatorAfterDestructionStartsRequestIdsAgain
     FakeResolver fakeResolver;
     ASSERT_TRUE(fakeResolver.ok());
     int firstPort = 0;
+    CommsChannelLocator* first = nullptr;
     {
         CommsChannel anchor("anchor");
+        first = LocatorProbe::current();
         firstPort = locatorPort();
         resolve("x");
         resolve("y");
-        EXPECT_EQ(2, CommsChannelLocatorInspector::requestId(*LocatorProbe::current()));
     }
-    ASSERT_EQ(nullptr, LocatorProbe::current());
+    ASSERT_TRUE(first->hasEnded());
 
     CommsChannel anchor("anchor");
-    ASSERT_NE(nullptr, LocatorProbe::current());
-    EXPECT_EQ(0, CommsChannelLocatorInspector::requestId(*LocatorProbe::current()));
     const int secondPort = locatorPort();
+    EXPECT_NE(firstPort, secondPort);
     resolve("z");
 
     const std::vector<FakeResolver::Received> requests = fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST);
@@ -370,21 +380,25 @@ TEST_F(CommsChannelLocatorTest, LocatorWhoseSocketIsAbove1024AppliesUpdatesAndSt
         close(fd);
     }
     ASSERT_NE(0, fakeResolver.waitForLocator(20000));
-    ASSERT_GT(CommsChannelLocatorInspector::socket(*LocatorProbe::current()), 1024);
+    ASSERT_GT(LocatorProbe::socket(), 1024);
     sendMarkerAndWait(fakeResolver);
+    CommsChannelLocator* sut = LocatorProbe::current();
     EXPECT_TRUE(cctest::destroyWithin(anchor));
-    EXPECT_EQ(nullptr, LocatorProbe::current());
+    EXPECT_TRUE(sut->hasEnded());
+    EXPECT_TRUE(fakeResolver.waitForType(COMMS_MSG_UNREGISTER_LOCATOR, 1, 20000));
 }
 
 TEST_F(CommsChannelLocatorTest, DestroyedLocatorHasClosedItsSocket)
 {
     int port = 0;
+    CommsChannelLocator* sut = nullptr;
     {
         CommsChannel anchor("anchor");
+        sut = LocatorProbe::current();
         port = locatorPort();
     }
     ASSERT_NE(0, port);
-    ASSERT_EQ(nullptr, LocatorProbe::current());
+    ASSERT_TRUE(sut->hasEnded());
 
     cctest::UdpSocket takesThePortOver(port);
     EXPECT_TRUE(takesThePortOver.ok());

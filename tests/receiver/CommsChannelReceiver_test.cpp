@@ -1,21 +1,26 @@
-// The receiver registry: the singleton, its list of watched channels, the
-// descriptor set and the status socket through which list changes wake the
-// receiver thread. Unnamed channels keep the locator out of the way.
+// The receiver registry: the process's current receiver, its list of
+// watched channels, its thread and the status socket through which list
+// changes wake the thread. Unnamed channels keep the locator out of the way.
+// What the receiver sends is seen through the process's own sendto, which
+// this test program provides (it records, then passes the call on).
 #include "CommsChannel.h"
 #include "CommsChannelReceiver.h"
 #include "ReceiverProbe.h"
-#include "ReceiverStorage.h"
 #include "RoundBarrier.h"
 #include "TestUtil.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <netinet/in.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <set>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
@@ -26,6 +31,77 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+namespace {
+
+// One datagram sent by this process while a SendLog was recording.
+struct SentDatagram {
+    int fd;
+    int sourcePort;
+    int destinationPort;
+    std::string bytes;
+};
+
+std::mutex& sendLogLock()
+{
+    static std::mutex* lock = new std::mutex();
+    return *lock;
+}
+std::vector<SentDatagram>& sendLog()
+{
+    static std::vector<SentDatagram>* log = new std::vector<SentDatagram>();
+    return *log;
+}
+std::atomic<bool> sendLogRecording(false);
+
+// Records every datagram that the process sends while it lives.
+class SendLog {
+public:
+    SendLog()
+    {
+        std::lock_guard<std::mutex> hold(sendLogLock());
+        sendLog().clear();
+        sendLogRecording = true;
+    }
+    ~SendLog() { sendLogRecording = false; }
+    SendLog(const SendLog&) = delete;
+    SendLog& operator=(const SendLog&) = delete;
+
+    // The datagrams sent from fd so far.
+    std::vector<SentDatagram> from(int fd)
+    {
+        std::vector<SentDatagram> found;
+        std::lock_guard<std::mutex> hold(sendLogLock());
+        for (const SentDatagram& sent : sendLog()) {
+            if (sent.fd == fd) {
+                found.push_back(sent);
+            }
+        }
+        return found;
+    }
+};
+
+}  // namespace
+
+// The process's sendto: records the datagram while a SendLog lives, then
+// sends it with the system call.
+extern "C" ssize_t sendto(int fd, const void* data, size_t length, int flags, const struct sockaddr* destination,
+                          socklen_t destinationLength)
+{
+    if (sendLogRecording) {
+        SentDatagram sent;
+        sent.fd = fd;
+        sent.sourcePort = cctest::ReceiverProbe::boundPort(fd);
+        sent.destinationPort = 0;
+        if (destination != nullptr && destination->sa_family == AF_INET) {
+            sent.destinationPort = ntohs(reinterpret_cast<const sockaddr_in*>(destination)->sin_port);
+        }
+        sent.bytes.assign(static_cast<const char*>(data), length);
+        std::lock_guard<std::mutex> hold(sendLogLock());
+        sendLog().push_back(sent);
+    }
+    return syscall(SYS_sendto, fd, data, length, flags, destination, destinationLength);
+}
 
 namespace {
 
@@ -40,9 +116,30 @@ std::string statusBytes(statusUpdateMsgId id)
     return std::string(bytes, 4);
 }
 
+// Descriptors open in this process.
+int openDescriptors()
+{
+    int count = 0;
+    DIR* fds = opendir("/proc/self/fd");
+    if (fds == nullptr) {
+        return -1;
+    }
+    while (dirent* entry = readdir(fds)) {
+        if (entry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    closedir(fds);
+    return count - 1;  // the directory's own descriptor
+}
+
 class CommsChannelReceiverTest : public testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(peer.ok()); }
+    void SetUp() override
+    {
+        ASSERT_TRUE(peer.ok());
+        baseThreads = ReceiverProbe::threadCount();
+    }
 
     // Sends a data message to the channel from the peer and takes it out.
     std::string roundTrip(CommsChannel& channel, const std::string& data)
@@ -56,28 +153,37 @@ protected:
         return received;
     }
 
+    // The receiver thread runs (one thread more than before the test).
+    bool receiverRuns() { return ReceiverProbe::waitForThreadCount(baseThreads + 1); }
+    // No receiver thread runs.
+    bool receiverGone() { return ReceiverProbe::waitForThreadCount(baseThreads); }
+
     cctest::UdpSocket peer;
+    int baseThreads = 0;
 };
 
-TEST_F(CommsChannelReceiverTest, FirstChannelCreatesTheReceiverWithItsStatusSocket)
+TEST_F(CommsChannelReceiverTest, FirstChannelCreatesTheReceiverWithItsThreadAndStatusSocket)
 {
-    ASSERT_EQ(nullptr, ReceiverProbe::current());
+    ASSERT_TRUE(ReceiverProbe::epollDescriptors().empty());
 
     CommsChannel channel("");
 
+    EXPECT_EQ(baseThreads + 1, ReceiverProbe::threadCount());
     CommsChannelReceiver* sut = ReceiverProbe::current();
     ASSERT_NE(nullptr, sut);
     EXPECT_EQ(sut, CommsChannelReceiver::instance());
+    EXPECT_FALSE(sut->hasEnded());
     EXPECT_EQ(1, sut->numReceiveChannels());
-    EXPECT_EQ(std::vector<CommsChannel*>{&channel}, ReceiverProbe::channels());
-    EXPECT_GT(ReceiverProbe::statusSocket(), 0);
-    EXPECT_NE(0, ReceiverProbe::statusPort());
-    EXPECT_TRUE(ReceiverProbe::isMonitored(ReceiverProbe::statusSocket()));
+    EXPECT_EQ(1u, ReceiverProbe::epollDescriptors().size());
+    EXPECT_EQ(2u, ReceiverProbe::watched().size());
+    const int statusSocket = ReceiverProbe::statusSocket({&channel});
+    EXPECT_GT(statusSocket, 0);
+    EXPECT_NE(0, ReceiverProbe::boundPort(statusSocket));
     EXPECT_TRUE(ReceiverProbe::isMonitored(channel.socketHandle()));
     EXPECT_EQ("hello", roundTrip(channel, "hello"));
 }
 
-TEST_F(CommsChannelReceiverTest, SameChannelAddedTwiceIsListedTwiceAndOneRemovalTakesTheFirstEntry)
+TEST_F(CommsChannelReceiverTest, SameChannelAddedTwiceIsListedTwiceAndEachRemovalTakesOneEntry)
 {
     CommsChannel first("");
     CommsChannel second("");
@@ -85,15 +191,22 @@ TEST_F(CommsChannelReceiverTest, SameChannelAddedTwiceIsListedTwiceAndOneRemoval
 
     EXPECT_EQ(1, sut->addReceiveChannel(&first));
     EXPECT_EQ(3, sut->numReceiveChannels());
-    EXPECT_EQ((std::vector<CommsChannel*>{&first, &second, &first}), ReceiverProbe::channels());
 
     sut->removeReceiveChannel(&first);
 
     EXPECT_EQ(2, sut->numReceiveChannels());
-    EXPECT_EQ((std::vector<CommsChannel*>{&second, &first}), ReceiverProbe::channels());
     EXPECT_EQ(sut, ReceiverProbe::current());
     EXPECT_TRUE(ReceiverProbe::isMonitored(first.socketHandle()));
     EXPECT_EQ("still served", roundTrip(first, "still served"));
+
+    sut->removeReceiveChannel(&first);
+
+    EXPECT_EQ(1, sut->numReceiveChannels());
+    EXPECT_FALSE(ReceiverProbe::isMonitored(first.socketHandle()));
+    EXPECT_TRUE(ReceiverProbe::isMonitored(second.socketHandle()));
+    EXPECT_EQ("second served", roundTrip(second, "second served"));
+    // Listed again, so that its destruction finds it.
+    EXPECT_EQ(1, sut->addReceiveChannel(&first));
 }
 
 TEST_F(CommsChannelReceiverTest, RemovingAChannelNotInTheListStillSendsAStatusUpdate)
@@ -102,51 +215,63 @@ TEST_F(CommsChannelReceiverTest, RemovingAChannelNotInTheListStillSendsAStatusUp
     CommsChannel unlisted("");
     CommsChannelReceiver* sut = CommsChannelReceiver::instance();
     sut->removeReceiveChannel(&unlisted);
-    ASSERT_EQ(std::vector<CommsChannel*>{&listed}, ReceiverProbe::channels());
-    cctest::UdpSocket spy;
-    ASSERT_TRUE(spy.ok());
-    std::string update;
+    ASSERT_EQ(1, sut->numReceiveChannels());
+    const int statusSocket = ReceiverProbe::statusSocket({&listed});
+    ASSERT_GT(statusSocket, 0);
+    std::vector<SentDatagram> updates;
     {
-        cctest::StatusUpdateDiversion diversion(spy.port());
+        SendLog log;
 
         sut->removeReceiveChannel(&unlisted);
 
-        EXPECT_TRUE(spy.receive(update, 10000));
+        updates = log.from(statusSocket);
     }
-    EXPECT_EQ(statusBytes(CHANNEL_REMOVED), update);
-    EXPECT_EQ(std::vector<CommsChannel*>{&listed}, ReceiverProbe::channels());
+    ASSERT_EQ(1u, updates.size());
+    EXPECT_EQ(statusBytes(CHANNEL_REMOVED), updates[0].bytes);
+    EXPECT_EQ(1, sut->numReceiveChannels());
+    EXPECT_FALSE(sut->hasEnded());
     EXPECT_EQ(sut, ReceiverProbe::current());
     EXPECT_EQ("served", roundTrip(listed, "served"));
+    EXPECT_EQ(1, sut->addReceiveChannel(&unlisted));
 }
 
 TEST_F(CommsChannelReceiverTest, RemovingAChannelNotInAnEmptyListShutsTheReceiverDown)
 {
     CommsChannel unlisted("");
-    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
-    sut->removeReceiveChannel(&unlisted);
-    ASSERT_EQ(nullptr, ReceiverProbe::current());
+    CommsChannelReceiver* first = CommsChannelReceiver::instance();
+    first->removeReceiveChannel(&unlisted);
+    ASSERT_TRUE(first->hasEnded());
+    ASSERT_TRUE(receiverGone());
     // A receiver with an empty list.
-    sut = CommsChannelReceiver::instance();
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+    ASSERT_FALSE(sut->hasEnded());
     ASSERT_EQ(0, sut->numReceiveChannels());
-    ASSERT_GT(ReceiverProbe::statusSocket(), 0);
+    ASSERT_TRUE(receiverRuns());
+    const int statusSocket = ReceiverProbe::statusSocket({});
+    ASSERT_GT(statusSocket, 0);
 
     sut->removeReceiveChannel(&unlisted);
 
-    EXPECT_EQ(nullptr, ReceiverProbe::current());
-    EXPECT_EQ(0, ReceiverProbe::statusSocket());
-    EXPECT_EQ(0, ReceiverProbe::statusPort());
+    EXPECT_TRUE(sut->hasEnded());
+    EXPECT_EQ(baseThreads, ReceiverProbe::threadCount());
+    EXPECT_FALSE(ReceiverProbe::isMonitored(statusSocket));
+    EXPECT_EQ(0, sut->statusUpdate(CHANNEL_ADDED));
 }
 
-TEST_F(CommsChannelReceiverTest, LastRemovalClearsTheInstanceAndTheNextChannelBuildsAFreshReceiver)
+TEST_F(CommsChannelReceiverTest, LastRemovalEndsTheReceiverAndTheNextChannelBuildsAFreshOne)
 {
     CommsChannel* first = new CommsChannel("");
-    const int oldStatusPort = ntohs(static_cast<uint16_t>(ReceiverProbe::statusPort()));
+    CommsChannelReceiver* old = CommsChannelReceiver::instance();
+    const int oldStatusPort = ReceiverProbe::boundPort(ReceiverProbe::statusSocket({first}));
+    ASSERT_NE(0, oldStatusPort);
 
     delete first;
 
-    EXPECT_EQ(nullptr, ReceiverProbe::current());
-    EXPECT_EQ(0, ReceiverProbe::statusSocket());
-    EXPECT_EQ(0, ReceiverProbe::statusPort());
+    // The thread has been joined before the removal returned.
+    EXPECT_EQ(baseThreads, ReceiverProbe::threadCount());
+    EXPECT_TRUE(old->hasEnded());
+    EXPECT_EQ(0, old->numReceiveChannels());
+    EXPECT_TRUE(ReceiverProbe::watched().empty());
     // The old status socket is closed: its port can be taken over, which
     // also keeps the next receiver off it.
     cctest::UdpSocket oldStatusPortHolder(oldStatusPort);
@@ -154,156 +279,120 @@ TEST_F(CommsChannelReceiverTest, LastRemovalClearsTheInstanceAndTheNextChannelBu
 
     CommsChannel second("");
 
-    ASSERT_NE(nullptr, ReceiverProbe::current());
-    EXPECT_GT(ReceiverProbe::statusSocket(), 0);
-    EXPECT_NE(0, ReceiverProbe::statusPort());
-    EXPECT_NE(oldStatusPort, ntohs(static_cast<uint16_t>(ReceiverProbe::statusPort())));
-    EXPECT_FALSE(ReceiverProbe::stopRequested());
-    EXPECT_EQ(std::vector<CommsChannel*>{&second}, ReceiverProbe::channels());
+    CommsChannelReceiver* fresh = CommsChannelReceiver::instance();
+    EXPECT_FALSE(fresh->hasEnded());
+    EXPECT_EQ(baseThreads + 1, ReceiverProbe::threadCount());
+    const int statusSocket = ReceiverProbe::statusSocket({&second});
+    ASSERT_GT(statusSocket, 0);
+    EXPECT_NE(oldStatusPort, ReceiverProbe::boundPort(statusSocket));
+    EXPECT_EQ(1, fresh->numReceiveChannels());
     EXPECT_EQ("fresh thread", roundTrip(second, "fresh thread"));
 }
 
-TEST_F(CommsChannelReceiverTest, PointerFromInstanceOutlivingItsReceiverStillReachesTheCurrentOne)
+TEST_F(CommsChannelReceiverTest, EndedReceiverRefusesChannelsAndTheNextOneTakesThem)
 {
-    // Another thread's view: it read instance() just before the last channel
-    // went, and calls through the pointer afterwards.
-    CommsChannel* first = new CommsChannel("");
-    CommsChannelReceiver* late = CommsChannelReceiver::instance();
-    delete first;
-    ASSERT_EQ(nullptr, ReceiverProbe::current());
-
-    EXPECT_EQ(0, late->numReceiveChannels());
-
     CommsChannel second("");
-    EXPECT_EQ(1, late->addReceiveChannel(&second));
-    EXPECT_EQ((std::vector<CommsChannel*>{&second, &second}), ReceiverProbe::channels());
-    EXPECT_EQ(2, late->numReceiveChannels());
-    late->removeReceiveChannel(&second);
-    EXPECT_EQ(std::vector<CommsChannel*>{&second}, ReceiverProbe::channels());
-    EXPECT_EQ("through the late pointer", roundTrip(second, "through the late pointer"));
+    CommsChannel* first = new CommsChannel("");
+    CommsChannelReceiver* ended = CommsChannelReceiver::instance();
+    ended->removeReceiveChannel(&second);
+    delete first;
+    ASSERT_TRUE(ended->hasEnded());
+
+    // Another thread's view: it read instance() before the last channel
+    // went, and calls through the pointer before anyone asks for a new one.
+    EXPECT_EQ(0, ended->numReceiveChannels());
+    EXPECT_EQ(0, ended->addReceiveChannel(&second));
+    EXPECT_EQ(0, ended->numReceiveChannels());
+    EXPECT_EQ(0, ended->statusUpdate(CHANNEL_ADDED));
+    EXPECT_EQ(baseThreads, ReceiverProbe::threadCount());
+
+    CommsChannelReceiver* fresh = CommsChannelReceiver::instance();
+    EXPECT_EQ(1, fresh->addReceiveChannel(&second));
+    EXPECT_EQ(1, fresh->numReceiveChannels());
+    EXPECT_EQ("through the fresh receiver", roundTrip(second, "through the fresh receiver"));
 }
 
-TEST_F(CommsChannelReceiverTest, DormantReceiverLeavesTheCurrentReceiversSocketsAndViewAlone)
+TEST_F(CommsChannelReceiverTest, ReceiversComingAndGoingLeaveNoThreadsOrDescriptorsBehind)
 {
-    CommsChannel channel("");
-    ASSERT_NE(nullptr, ReceiverProbe::current());
-    // What a deleted receiver's block holds: a block given back through
-    // the class's own delete, while the current receiver lives elsewhere.
-    void* block = CommsChannelReceiver::operator new(sizeof(CommsChannelReceiver));
-    CommsChannelReceiver::operator delete(block);
-    // The class keeps its blocks: using one after its delete is the point.
-#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wuse-after-free"
-#endif
-    CommsChannelReceiver* dormant = static_cast<CommsChannelReceiver*>(block);
-#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
-#pragma GCC diagnostic pop
-#endif
-    ASSERT_NE(ReceiverProbe::current(), dormant);
-    const int statusSocket = ReceiverProbe::statusSocket();
-    const int statusPort = ReceiverProbe::statusPort();
-
-    receiver_state::channelListLock().take(-1);
-    dormant->updateSocketMonitorList();
-    receiver_state::channelListLock().give();
-    EXPECT_EQ(0, dormant->createStatusUpdateSocketConnection());
-    EXPECT_EQ(1, dormant->numReceiveChannels());
-
-    EXPECT_TRUE(ReceiverProbe::isMonitored(channel.socketHandle()));
-    EXPECT_TRUE(ReceiverProbe::isMonitored(statusSocket));
-    EXPECT_EQ(statusSocket, ReceiverProbe::statusSocket());
-    EXPECT_EQ(statusPort, ReceiverProbe::statusPort());
-    EXPECT_EQ("current receiver untouched", roundTrip(channel, "current receiver untouched"));
-}
-
-TEST_F(CommsChannelReceiverTest, ReceiversComingAndGoingReuseTheirStorage)
-{
-    for (int round = 0; round < 50; ++round) {
-        CommsChannel channel("");
-        ASSERT_NE(nullptr, ReceiverProbe::current());
+    {
+        CommsChannel warmUp("");
     }
-    const std::size_t blocks = receiver_state::receiverStorageBlocks();
-    EXPECT_GE(blocks, 1u);
-    for (int round = 0; round < 50; ++round) {
+    const int descriptors = openDescriptors();
+    for (int round = 0; round < 100; ++round) {
         CommsChannel channel("");
+        ASSERT_EQ(baseThreads + 1, ReceiverProbe::threadCount()) << round;
     }
-    EXPECT_EQ(blocks, receiver_state::receiverStorageBlocks());
+    EXPECT_EQ(baseThreads, ReceiverProbe::threadCount());
+    EXPECT_EQ(descriptors, openDescriptors());
+    EXPECT_TRUE(ReceiverProbe::watched().empty());
 }
 
 TEST_F(CommsChannelReceiverTest, NullChannelChangesNothingAndSendsNothing)
 {
     CommsChannel channel("");
     CommsChannelReceiver* sut = CommsChannelReceiver::instance();
-    const int maxBefore = ReceiverProbe::maxSocketPlusOne();
-    cctest::UdpSocket spy;
-    ASSERT_TRUE(spy.ok());
-    std::string first;
+    const std::set<int> watchedBefore = ReceiverProbe::watched();
+    const int statusSocket = ReceiverProbe::statusSocket({&channel});
+    ASSERT_GT(statusSocket, 0);
+    std::vector<SentDatagram> updates;
+    int added = -1;
     {
-        cctest::StatusUpdateDiversion diversion(spy.port());
+        SendLog log;
 
-        sut->addReceiveChannel(nullptr);
+        added = sut->addReceiveChannel(nullptr);
         sut->removeReceiveChannel(nullptr);
 
-        // Loopback datagrams arrive in order: the marker must come first.
-        ASSERT_EQ(6, peer.sendTo(spy.port(), "marker", 6));
-        EXPECT_TRUE(spy.receive(first, 10000));
+        updates = log.from(statusSocket);
     }
-    EXPECT_EQ("marker", first);
-    EXPECT_EQ(std::vector<CommsChannel*>{&channel}, ReceiverProbe::channels());
-    EXPECT_EQ(maxBefore, ReceiverProbe::maxSocketPlusOne());
+    EXPECT_EQ(0, added);
+    EXPECT_TRUE(updates.empty());
+    EXPECT_EQ(1, sut->numReceiveChannels());
+    EXPECT_EQ(watchedBefore, ReceiverProbe::watched());
+    EXPECT_FALSE(sut->hasEnded());
     EXPECT_EQ(sut, ReceiverProbe::current());
 }
 
-TEST_F(CommsChannelReceiverTest, HighestDescriptorRaisesMaxSocketPlusOneAndItsRemovalLowersIt)
+TEST_F(CommsChannelReceiverTest, ChannelSocketIsWatchedWhileListedAndForgottenWhenItsChannelGoes)
 {
     CommsChannel low("");
-    const int before = ReceiverProbe::maxSocketPlusOne();
-    EXPECT_EQ(std::max(ReceiverProbe::statusSocket(), low.socketHandle()) + 1, before);
-    // Fill every free number below the current maximum, so that the next
-    // socket is the highest descriptor.
-    std::vector<int> fillers;
-    while (cctest::nextFreeDescriptor() < before) {
-        fillers.push_back(dup(2));
-    }
+    const std::set<int> before = ReceiverProbe::watched();
     CommsChannel* high = new CommsChannel("");
     const int highFd = high->socketHandle();
-    ASSERT_GE(highFd, before);
 
-    EXPECT_EQ(highFd + 1, ReceiverProbe::maxSocketPlusOne());
     EXPECT_TRUE(ReceiverProbe::isMonitored(highFd));
+    EXPECT_EQ(before.size() + 1, ReceiverProbe::watched().size());
 
     delete high;
 
-    EXPECT_EQ(before, ReceiverProbe::maxSocketPlusOne());
     EXPECT_FALSE(ReceiverProbe::isMonitored(highFd));
-    for (int fd : fillers) {
-        close(fd);
-    }
+    EXPECT_EQ(before, ReceiverProbe::watched());
+    EXPECT_EQ("low still served", roundTrip(low, "low still served"));
 }
 
-TEST_F(CommsChannelReceiverTest, StatusUpdateIsFourBytesHoldingTheIdInHostByteOrderFromTheStatusSocket)
+TEST_F(CommsChannelReceiverTest, StatusUpdateIsFourBytesHoldingTheIdInHostByteOrderFromAndToTheStatusSocket)
 {
     CommsChannel channel("");
     CommsChannelReceiver* sut = CommsChannelReceiver::instance();
-    const int statusPort = ntohs(static_cast<uint16_t>(ReceiverProbe::statusPort()));
-    cctest::UdpSocket spy;
-    ASSERT_TRUE(spy.ok());
-    std::string added;
-    std::string removed;
-    int sourcePort = 0;
+    const int statusSocket = ReceiverProbe::statusSocket({&channel});
+    ASSERT_GT(statusSocket, 0);
+    const int statusPort = ReceiverProbe::boundPort(statusSocket);
+    std::vector<SentDatagram> updates;
     {
-        cctest::StatusUpdateDiversion diversion(spy.port());
+        SendLog log;
 
         EXPECT_EQ(1, sut->statusUpdate(CHANNEL_ADDED));
         EXPECT_EQ(1, sut->statusUpdate(CHANNEL_REMOVED));
 
-        EXPECT_TRUE(spy.receive(added, 10000, &sourcePort));
-        EXPECT_TRUE(spy.receive(removed, 10000));
+        updates = log.from(statusSocket);
     }
-    EXPECT_EQ(statusBytes(CHANNEL_ADDED), added);
-    EXPECT_EQ(statusBytes(CHANNEL_REMOVED), removed);
-    EXPECT_EQ(statusPort, sourcePort);
+    ASSERT_EQ(2u, updates.size());
+    EXPECT_EQ(statusBytes(CHANNEL_ADDED), updates[0].bytes);
+    EXPECT_EQ(statusBytes(CHANNEL_REMOVED), updates[1].bytes);
+    for (const SentDatagram& update : updates) {
+        EXPECT_EQ(statusPort, update.sourcePort);
+        EXPECT_EQ(statusPort, update.destinationPort);
+    }
+    EXPECT_EQ("awake", roundTrip(channel, "awake"));
 }
 
 TEST_F(CommsChannelReceiverTest, AddingAChannelSendsAnAddedUpdateAndReturnsOne)
@@ -312,44 +401,54 @@ TEST_F(CommsChannelReceiverTest, AddingAChannelSendsAnAddedUpdateAndReturnsOne)
     CommsChannel other("");
     CommsChannelReceiver* sut = CommsChannelReceiver::instance();
     sut->removeReceiveChannel(&other);
-    cctest::UdpSocket spy;
-    ASSERT_TRUE(spy.ok());
-    std::string update;
+    const int statusSocket = ReceiverProbe::statusSocket({&listed});
+    ASSERT_GT(statusSocket, 0);
+    std::vector<SentDatagram> updates;
     int result = 0;
     {
-        cctest::StatusUpdateDiversion diversion(spy.port());
+        SendLog log;
 
         result = sut->addReceiveChannel(&other);
 
-        EXPECT_TRUE(spy.receive(update, 10000));
+        updates = log.from(statusSocket);
     }
     EXPECT_EQ(1, result);
-    EXPECT_EQ(statusBytes(CHANNEL_ADDED), update);
-    EXPECT_EQ((std::vector<CommsChannel*>{&listed, &other}), ReceiverProbe::channels());
+    ASSERT_EQ(1u, updates.size());
+    EXPECT_EQ(statusBytes(CHANNEL_ADDED), updates[0].bytes);
+    EXPECT_EQ(2, sut->numReceiveChannels());
+    EXPECT_TRUE(ReceiverProbe::isMonitored(other.socketHandle()));
+    EXPECT_EQ("other served", roundTrip(other, "other served"));
 }
 
-TEST_F(CommsChannelReceiverTest, StatusPortIsKeptInNetworkByteOrderAsGetsocknameGivesIt)
+TEST_F(CommsChannelReceiverTest, StatusSocketIsBoundToTheLoopbackAddress)
 {
     CommsChannel channel("");
 
     sockaddr_in address;
     socklen_t length = sizeof address;
-    ASSERT_EQ(0, getsockname(ReceiverProbe::statusSocket(), reinterpret_cast<sockaddr*>(&address), &length));
+    const int statusSocket = ReceiverProbe::statusSocket({&channel});
+    ASSERT_GT(statusSocket, 0);
+    ASSERT_EQ(0, getsockname(statusSocket, reinterpret_cast<sockaddr*>(&address), &length));
 
-    EXPECT_EQ(static_cast<int>(address.sin_port), ReceiverProbe::statusPort());
+    EXPECT_EQ(AF_INET, address.sin_family);
+    EXPECT_NE(0, address.sin_port);
     EXPECT_EQ(htonl(INADDR_LOOPBACK), address.sin_addr.s_addr);
+    EXPECT_EQ(1, CommsChannelReceiver::instance()->createStatusUpdateSocketConnection());
+    EXPECT_EQ(statusSocket, ReceiverProbe::statusSocket({&channel}));
 }
 
 TEST_F(CommsChannelReceiverTest, StatusUpdatesAreDrainedByTheThread)
 {
     CommsChannel channel("");
     CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+    const int statusSocket = ReceiverProbe::statusSocket({&channel});
+    ASSERT_GT(statusSocket, 0);
 
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(1, sut->statusUpdate(CHANNEL_ADDED));
     }
 
-    EXPECT_TRUE(cctest::waitUntil([] { return ReceiverProbe::pendingBytes(ReceiverProbe::statusSocket()) == 0; },
+    EXPECT_TRUE(cctest::waitUntil([statusSocket] { return ReceiverProbe::pendingBytes(statusSocket) == 0; },
                                   20000));
     EXPECT_EQ(sut, ReceiverProbe::current());
     EXPECT_EQ("awake", roundTrip(channel, "awake"));
@@ -440,17 +539,16 @@ TEST_F(CommsChannelReceiverTest, ChannelsComingAndGoingWhileTrafficFlowsLoseNoth
     }
 }
 
-TEST_F(CommsChannelReceiverTest, ReceiverComingAndGoingThousandsOfTimesJoinsEachThreadOnce)
+TEST_F(CommsChannelReceiverTest, ReceiverComingAndGoingThousandsOfTimesJoinsEveryThread)
 {
-    const unsigned long startedBefore = receiver_state::threadsStarted;
-    const unsigned long joinedBefore = receiver_state::threadsJoined;
     const int threads = 8;
     const int cyclesPerThread = 10000 / threads;
     std::atomic<int> failures(0);
+    std::atomic<int> workersDone(0);
     cctest::RoundBarrier barrier(threads);
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t) {
-        workers.emplace_back([t, cyclesPerThread, &failures, &barrier] {
+        workers.emplace_back([t, cyclesPerThread, &failures, &barrier, &workersDone] {
             cctest::UdpSocket sender;
             for (int cycle = 0; cycle < cyclesPerThread; ++cycle) {
                 {
@@ -474,17 +572,23 @@ TEST_F(CommsChannelReceiverTest, ReceiverComingAndGoingThousandsOfTimesJoinsEach
                     barrier.arriveAndWait();
                 }
             }
+            ++workersDone;
         });
+    }
+    // At most one receiver thread runs at any time.
+    int most = 0;
+    while (workersDone < threads) {
+        most = std::max(most, ReceiverProbe::threadCount());
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     for (std::thread& worker : workers) {
         worker.join();
     }
     EXPECT_EQ(0, failures.load());
-    EXPECT_EQ(nullptr, ReceiverProbe::current());
-    const unsigned long started = receiver_state::threadsStarted - startedBefore;
-    EXPECT_GE(started, static_cast<unsigned long>(cyclesPerThread / 2));
-    RecordProperty("receiversStarted", static_cast<int>(started));
-    EXPECT_EQ(started, receiver_state::threadsJoined - joinedBefore);
+    EXPECT_LE(most, baseThreads + threads + 1);
+    // Every receiver's thread has been joined and its sockets closed.
+    EXPECT_EQ(baseThreads, ReceiverProbe::threadCount());
+    EXPECT_TRUE(ReceiverProbe::watched().empty());
 }
 
 }  // namespace

@@ -38,7 +38,15 @@ std::string dataOf(std::size_t length, char first = 'a')
 
 class ReceiverThreadTest : public testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(peer.ok()); }
+    void SetUp() override
+    {
+        ASSERT_TRUE(peer.ok());
+        baseThreads = ReceiverProbe::threadCount();
+    }
+
+    // The receiver thread has ended: the process is back to the threads it
+    // had before the test made its first channel.
+    bool waitForThreadEnd() { return ReceiverProbe::waitForThreadCount(baseThreads); }
 
     // Takes the next queued message's data; the message must be queued.
     std::string take(CommsChannel& channel)
@@ -70,6 +78,7 @@ protected:
     }
 
     cctest::UdpSocket peer;
+    int baseThreads = 0;
 };
 
 TEST_F(ReceiverThreadTest, MessageGoesToTheChannelWhoseSocketItArrivedOnWhateverItNames)
@@ -120,7 +129,7 @@ TEST_F(ReceiverThreadTest, DatagramShorterThanEightBytesEndsTheThreadWithTheFail
 
     send(*sut, std::string("abc"));
 
-    ASSERT_TRUE(ReceiverProbe::waitForThreadEnd());
+    ASSERT_TRUE(waitForThreadEnd());
     EXPECT_TRUE(errors.waitFor(RECEIVE_FAILURE));
     errors.restore();
     EXPECT_EQ(3, ReceiverProbe::pendingBytes(sut->socketHandle()));
@@ -129,9 +138,11 @@ TEST_F(ReceiverThreadTest, DatagramShorterThanEightBytesEndsTheThreadWithTheFail
     EXPECT_EQ(0, CommsChannelReceiver::instance()->statusUpdate(CHANNEL_ADDED));
 
     // The process goes on, and every channel can still be destroyed.
+    CommsChannelReceiver* failed = CommsChannelReceiver::instance();
     EXPECT_TRUE(cctest::destroyWithin(sut));
     EXPECT_TRUE(cctest::destroyWithin(bystander));
-    EXPECT_EQ(nullptr, ReceiverProbe::current());
+    EXPECT_TRUE(failed->hasEnded());
+    EXPECT_EQ(baseThreads, ReceiverProbe::threadCount());
 }
 
 TEST_F(ReceiverThreadTest, NewChannelsAfterAFailedThreadGetAWorkingReceiverOnceTheOldOneIsGone)
@@ -140,14 +151,16 @@ TEST_F(ReceiverThreadTest, NewChannelsAfterAFailedThreadGetAWorkingReceiverOnceT
     {
         cctest::StderrRecorder errors;
         send(*broken, std::string("12345"));
-        ASSERT_TRUE(ReceiverProbe::waitForThreadEnd());
+        ASSERT_TRUE(waitForThreadEnd());
         EXPECT_TRUE(errors.waitFor(RECEIVE_FAILURE));
     }
+    CommsChannelReceiver* failed = CommsChannelReceiver::instance();
     ASSERT_TRUE(cctest::destroyWithin(broken));
-    ASSERT_EQ(nullptr, ReceiverProbe::current());
+    ASSERT_TRUE(failed->hasEnded());
 
     CommsChannel sut("");
 
+    EXPECT_EQ(baseThreads + 1, ReceiverProbe::threadCount());
     send(sut, cctest::dataEncoding("", "back to work"));
     EXPECT_EQ("back to work", take(sut));
 }
@@ -161,7 +174,7 @@ TEST_F(ReceiverThreadTest, HeaderLengthBelowTheHeaderSizeIsUnreadable)
 
     send(*sut, lying);
 
-    ASSERT_TRUE(ReceiverProbe::waitForThreadEnd());
+    ASSERT_TRUE(waitForThreadEnd());
     EXPECT_TRUE(errors.waitFor(RECEIVE_FAILURE));
     errors.restore();
     EXPECT_TRUE(sut->isQEmpty());
@@ -220,22 +233,32 @@ TEST_F(ReceiverThreadTest, EncodingSplitByTheSenderIntoDatagramsOf60000BytesIsJo
     EXPECT_EQ(message.remoteContext(), received.remoteContext());
 }
 
-// Holds the receiver's list lock, so that the thread cannot start a pass:
-// whatever is sent meanwhile waits in the socket and is read as a burst.
+// Holds the receiver thread inside a pass (in the inbox of a channel of its
+// own, with the list lock held), so that the thread cannot start another
+// pass: whatever is sent meanwhile waits in the sockets and is read as a
+// burst once the hold ends.
 class PassHeldBack {
 public:
-    PassHeldBack() { receiver_state::channelListLock().take(-1); }
-    ~PassHeldBack() { release(); }
-    void release()
+    explicit PassHeldBack(cctest::UdpSocket& peer) : m_holder(new CommsChannel("", &m_gate))
     {
-        if (m_held) {
-            m_held = false;
-            receiver_state::channelListLock().give();
-        }
+        peer.sendTo(m_holder->port(), cctest::dataEncoding("", "hold"));
+        m_entered = m_gate.waitEntered(1);
     }
+    ~PassHeldBack()
+    {
+        release();
+        delete m_holder;
+    }
+    PassHeldBack(const PassHeldBack&) = delete;
+    PassHeldBack& operator=(const PassHeldBack&) = delete;
+
+    bool holding() const { return m_entered; }
+    void release() { m_gate.open(); }
 
 private:
-    bool m_held = true;
+    cctest::GateInterceptor m_gate;
+    CommsChannel* m_holder;
+    bool m_entered = false;
 };
 
 TEST_F(ReceiverThreadTest, BurstWaitingInTheSocketArrivesWholeAndInOrder)
@@ -245,7 +268,8 @@ TEST_F(ReceiverThreadTest, BurstWaitingInTheSocketArrivesWholeAndInOrder)
     const std::string bigEncoding = cctest::dataEncoding("", big);
     std::vector<std::string> expected;
     {
-        PassHeldBack held;
+        PassHeldBack held(peer);
+        ASSERT_TRUE(held.holding());
         auto small = [&](const std::string& data) {
             send(sut, cctest::dataEncoding("", data));
             expected.push_back(data);
@@ -277,14 +301,15 @@ TEST_F(ReceiverThreadTest, UnreadableDatagramInABurstEndsTheThreadAfterTheMessag
     CommsChannel* sut = new CommsChannel("");
     cctest::StderrRecorder errors;
     {
-        PassHeldBack held;
+        PassHeldBack held(peer);
+        ASSERT_TRUE(held.holding());
         send(*sut, cctest::dataEncoding("", "good 1"));
         send(*sut, cctest::dataEncoding("", "good 2"));
         send(*sut, cctest::dataEncoding("", "good 3"));
         send(*sut, std::string("abc"));
         send(*sut, cctest::dataEncoding("", "never"));
     }
-    ASSERT_TRUE(ReceiverProbe::waitForThreadEnd());
+    ASSERT_TRUE(waitForThreadEnd());
     EXPECT_TRUE(errors.waitFor(RECEIVE_FAILURE));
     errors.restore();
     EXPECT_EQ(3U, CommsChannelInspector::queueLengthLocked(*sut));
@@ -336,7 +361,8 @@ TEST_F(ReceiverThreadTest, UnfinishedEncodingKeepsTheChannelListLockedUntilItsCh
     }
     ASSERT_TRUE(counted);
     EXPECT_GE(count->load(), 1);  // the removal may or may not have come first
-    EXPECT_EQ(std::vector<CommsChannel*>{&other}, ReceiverProbe::channels());
+    EXPECT_EQ(1, CommsChannelReceiver::instance()->numReceiveChannels());
+    EXPECT_TRUE(ReceiverProbe::isMonitored(other.socketHandle()));
 }
 
 TEST_F(ReceiverThreadTest, StatusUpdateAndChannelMessageReadyTogetherTheStatusIsHandledFirst)
@@ -345,60 +371,94 @@ TEST_F(ReceiverThreadTest, StatusUpdateAndChannelMessageReadyTogetherTheStatusIs
     cctest::GateInterceptor holdSecond;
     CommsChannel first("", &holdFirst);
     CommsChannel second("", &holdSecond);
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
     // Hold the thread inside a pass, so that both datagrams below are
     // waiting when it next calls select.
     send(first, cctest::dataEncoding("", "one"));
     ASSERT_TRUE(holdFirst.waitEntered(1));
     send(second, cctest::dataEncoding("", "two"));
-    ASSERT_EQ(1, CommsChannelReceiver::instance()->statusUpdate(CHANNEL_ADDED));
-    ASSERT_EQ(4, ReceiverProbe::pendingBytes(ReceiverProbe::statusSocket()));
+    const int statusSocket = ReceiverProbe::statusSocket({&first, &second});
+    ASSERT_GT(statusSocket, 0);
+    ASSERT_EQ(1, sut->statusUpdate(CHANNEL_ADDED));
+    ASSERT_EQ(4, ReceiverProbe::pendingBytes(statusSocket));
 
     holdFirst.open();
 
     // The thread reads the second channel's message only after it drained
     // the status update.
     ASSERT_TRUE(holdSecond.waitEntered(1));
-    EXPECT_EQ(0, ReceiverProbe::pendingBytes(ReceiverProbe::statusSocket()));
+    EXPECT_EQ(0, ReceiverProbe::pendingBytes(statusSocket));
     holdSecond.open();
     EXPECT_EQ("one", take(first));
     EXPECT_EQ("two", take(second));
+}
+
+TEST_F(ReceiverThreadTest, InstanceDoesNotWaitForThePassInProgress)
+{
+    cctest::GateInterceptor hold;
+    CommsChannel held("", &hold);
+    CommsChannelReceiver* sut = CommsChannelReceiver::instance();
+    send(held, cctest::dataEncoding("", "held"));
+    ASSERT_TRUE(hold.waitEntered(1));
+    std::shared_ptr<std::atomic<CommsChannelReceiver*>> seen =
+        std::make_shared<std::atomic<CommsChannelReceiver*>>(nullptr);
+
+    // The thread is inside the held channel's inbox for as long as the
+    // gate stays shut.
+    std::thread viewer([seen] { *seen = CommsChannelReceiver::instance(); });
+
+    const bool returned = cctest::waitUntil([seen] { return seen->load() != nullptr; }, 5000);
+    hold.open();
+    if (returned) {
+        viewer.join();
+    } else {
+        ASSERT_TRUE(cctest::waitUntil([seen] { return seen->load() != nullptr; }, 20000));
+        viewer.join();
+    }
+    EXPECT_TRUE(returned) << "instance() waited for the receiver thread's pass";
+    EXPECT_EQ(sut, seen->load());
+    EXPECT_EQ("held", take(held));
 }
 
 TEST_F(ReceiverThreadTest, StatusUpdateFindingTheListEmptyStopsTheThread)
 {
     CommsChannelReceiver* sut = CommsChannelReceiver::instance();
     ASSERT_EQ(0, sut->numReceiveChannels());
-    ASSERT_FALSE(ReceiverProbe::stopRequested());
+    ASSERT_EQ(baseThreads + 1, ReceiverProbe::threadCount());
 
     ASSERT_EQ(1, sut->statusUpdate(CHANNEL_ADDED));
 
-    EXPECT_TRUE(ReceiverProbe::waitForThreadEnd());
-    EXPECT_TRUE(ReceiverProbe::stopRequested());
+    EXPECT_TRUE(waitForThreadEnd());
     EXPECT_EQ(sut, ReceiverProbe::current());
     // A channel added later ends the stopped receiver on its way out.
     CommsChannel* last = new CommsChannel("");
     EXPECT_TRUE(cctest::destroyWithin(last));
-    EXPECT_EQ(nullptr, ReceiverProbe::current());
+    EXPECT_TRUE(sut->hasEnded());
+    // The next channel gets a receiver whose thread runs.
+    CommsChannel next("");
+    EXPECT_EQ(baseThreads + 1, ReceiverProbe::threadCount());
+    send(next, cctest::dataEncoding("", "served again"));
+    EXPECT_EQ("served again", take(next));
 }
 
 TEST_F(ReceiverThreadTest, ForeignDatagramsOnTheStatusPortAreDrainedHarmlessly)
 {
     CommsChannel sut("");
-    const int statusPort = ntohs(static_cast<uint16_t>(ReceiverProbe::statusPort()));
+    const int statusSocket = ReceiverProbe::statusSocket({&sut});
+    ASSERT_GT(statusSocket, 0);
+    const int statusPort = ReceiverProbe::boundPort(statusSocket);
 
     peer.sendTo(statusPort, "abc", 3);
     peer.sendTo(statusPort, std::string(1000, '\xFF'));
     peer.sendTo(statusPort, cctest::dataEncoding("", "not for the status socket"));
     peer.sendTo(statusPort, "", 0);
 
-    EXPECT_TRUE(cctest::waitUntil(
-        [] {
-            return ReceiverProbe::pendingBytes(ReceiverProbe::statusSocket()) == 0;
-        },
-        20000));
+    EXPECT_TRUE(cctest::waitUntil([statusSocket] { return ReceiverProbe::pendingBytes(statusSocket) == 0; },
+                                  20000));
     send(sut, cctest::dataEncoding("", "still working"));
     EXPECT_EQ("still working", take(sut));
-    EXPECT_GT(ReceiverProbe::statusSocket(), 0);
+    EXPECT_EQ(statusSocket, ReceiverProbe::statusSocket({&sut}));
+    EXPECT_EQ(baseThreads + 1, ReceiverProbe::threadCount());
 }
 
 TEST_F(ReceiverThreadTest, UndecodableEncodingIsQueuedAsAnEmptyMessage)
@@ -426,7 +486,7 @@ TEST_F(ReceiverThreadTest, ChannelListedTwiceIsExaminedTwiceAndTheEmptySecondLoo
 
     send(*sut, cctest::dataEncoding("", "once"));
 
-    ASSERT_TRUE(ReceiverProbe::waitForThreadEnd());
+    ASSERT_TRUE(waitForThreadEnd());
     EXPECT_TRUE(errors.waitFor(RECEIVE_FAILURE));
     errors.restore();
     EXPECT_EQ(1u, CommsChannelInspector::queueLengthLocked(*sut));

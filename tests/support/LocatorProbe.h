@@ -1,9 +1,15 @@
-// Looks at the current locator's maps under its map lock, runs a possibly
-// blocking getDispatcher on a thread of its own, and watches locator threads
-// start and be joined, for the locator tests. Header only.
+// Looks at the current locator from outside: its maps through its own dump
+// (dumpLocatorMap) and knowsName, its socket through what the kernel shows of
+// this process; runs a possibly blocking getDispatcher on a thread of its
+// own, for the locator tests. Header only.
+//
+// The dump takes no lock: read it only while nothing reaches the locator
+// (after a marker row was applied, say); wait for a name with knows(), which
+// does lock.
 //
 // Usage:
-//   EXPECT_TRUE(cctest::waitUntil([] { return cctest::LocatorProbe::remotePort("x") == 40000; }));
+//   EXPECT_TRUE(cctest::waitUntil([] { return cctest::LocatorProbe::knows("x"); }));
+//   EXPECT_EQ(40000, cctest::LocatorProbe::remotePort("x"));
 //   cctest::PendingResolution resolution("x");
 //   ASSERT_TRUE(resolution.waitDone(20000));
 //   EXPECT_EQ(expected, resolution.result());
@@ -12,16 +18,21 @@
 
 #include "CommsChannelDispatcher.h"
 #include "CommsChannelLocator.h"
-#include "CommsChannelLocatorEntry.h"
-#include "LocatorState.h"
+#include "ReceiverProbe.h"
 #include "WhiteBoxAccess.h"
-#include "Semaphore.h"
 #include "TestUtil.h"
 
+#include <dirent.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
-#include <map>
+#include <cstdlib>
+#include <iostream>
 #include <memory>
-#include <mutex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,86 +41,139 @@ namespace cctest {
 
 class LocatorProbe {
 public:
-    typedef std::map<std::string, CommsChannelLocatorEntry*> EntryMap;
+    // One entry as dumpLocatorMap prints it.
+    struct Entry {
+        std::string name;
+        int port;
+        std::string handle;  // "0" for a name learnt from the resolver
+        bool local() const { return handle != "0"; }
+    };
 
-    // The locator of this process, null when none exists.
+    // The current locator (made if there is none or the last one ended).
     static CommsChannelLocator* current() { return CommsChannelLocatorInspector::current(); }
 
-    // -1 when the name is not in the remote map (or there is no locator).
+    // Whether the current locator knows the name, locally or remotely.
+    static bool knows(const std::string& name) { return current()->knowsName(name); }
+
+    // Every entry of the current locator's dump, local map first.
+    static std::vector<Entry> entries()
+    {
+        std::ostringstream text;
+        std::streambuf* saved = std::cout.rdbuf(text.rdbuf());
+        const std::ios::fmtflags flags = std::cout.flags();
+        std::cout << std::dec;
+        current()->dumpLocatorMap();
+        std::cout.flags(flags);
+        std::cout.rdbuf(saved);
+        std::vector<Entry> found;
+        std::istringstream lines(text.str());
+        std::string line;
+        Entry entry{"", 0, ""};
+        while (std::getline(lines, line)) {
+            const std::string namePrefix = "Channel Name = \"";
+            const std::string portPrefix = "Channel Port = ";
+            const std::string handlePrefix = "Channel handle = ";
+            if (line.compare(0, namePrefix.size(), namePrefix) == 0) {
+                entry.name = line.substr(namePrefix.size(), line.size() - namePrefix.size() - 1);
+            } else if (line.compare(0, portPrefix.size(), portPrefix) == 0) {
+                entry.port = std::atoi(line.c_str() + portPrefix.size());
+            } else if (line.compare(0, handlePrefix.size(), handlePrefix) == 0) {
+                entry.handle = line.substr(handlePrefix.size());
+                found.push_back(entry);
+            }
+        }
+        return found;
+    }
+
+    // -1 when the name is not in the remote map.
     static int remotePort(const std::string& name)
     {
-        int port = -1;
-        withMaps([&](EntryMap& /*local*/, EntryMap& remote) {
-            EntryMap::iterator it = remote.find(name);
-            if (it != remote.end()) {
-                port = it->second->port();
+        for (const Entry& entry : entries()) {
+            if (!entry.local() && entry.name == name) {
+                return entry.port;
             }
-        });
-        return port;
+        }
+        return -1;
     }
     static bool remoteHas(const std::string& name) { return remotePort(name) != -1; }
 
-    static CommsChannelDispatcher* remoteDispatcher(const std::string& name)
-    {
-        CommsChannelDispatcher* dispatcher = nullptr;
-        withMaps([&](EntryMap& /*local*/, EntryMap& remote) {
-            EntryMap::iterator it = remote.find(name);
-            if (it != remote.end()) {
-                dispatcher = it->second->dispatcher();
-            }
-        });
-        return dispatcher;
-    }
-
-    // The local entry's channel handle and dispatcher (null when absent).
+    // The local entry's channel handle (null when absent).
     static CommsChannel* localHandle(const std::string& name)
     {
-        CommsChannel* handle = nullptr;
-        withMaps([&](EntryMap& local, EntryMap& /*remote*/) {
-            EntryMap::iterator it = local.find(name);
-            if (it != local.end()) {
-                handle = it->second->channelHandle();
+        for (const Entry& entry : entries()) {
+            if (entry.local() && entry.name == name) {
+                return reinterpret_cast<CommsChannel*>(std::strtoull(entry.handle.c_str(), nullptr, 16));
             }
-        });
-        return handle;
-    }
-    static CommsChannelDispatcher* localDispatcher(const std::string& name)
-    {
-        CommsChannelDispatcher* dispatcher = nullptr;
-        withMaps([&](EntryMap& local, EntryMap& /*remote*/) {
-            EntryMap::iterator it = local.find(name);
-            if (it != local.end()) {
-                dispatcher = it->second->dispatcher();
-            }
-        });
-        return dispatcher;
+        }
+        return nullptr;
     }
 
     static std::size_t localCount()
     {
         std::size_t count = 0;
-        withMaps([&](EntryMap& local, EntryMap& /*remote*/) { count = local.size(); });
+        for (const Entry& entry : entries()) {
+            count += entry.local() ? 1 : 0;
+        }
         return count;
     }
     static std::size_t remoteCount()
     {
         std::size_t count = 0;
-        withMaps([&](EntryMap& /*local*/, EntryMap& remote) { count = remote.size(); });
+        for (const Entry& entry : entries()) {
+            count += entry.local() ? 0 : 1;
+        }
         return count;
     }
 
-    // Runs body with both maps while holding the locator's map lock.
-    template <typename Body>
-    static void withMaps(Body body)
+    // The UDP sockets of this process bound to 127.0.0.1 that the receiver
+    // does not watch and that are not the resolver's port: the locator's
+    // socket, and whatever sockets the test opened itself (pass those as
+    // others).
+    static std::vector<int> unwatchedSockets(const std::vector<int>& others = std::vector<int>())
     {
-        CommsChannelLocator* locator = current();
-        if (locator == nullptr) {
-            return;
+        const std::set<int> watched = ReceiverProbe::watched();
+        std::vector<int> found;
+        DIR* fds = opendir("/proc/self/fd");
+        if (fds == nullptr) {
+            return found;
         }
-        Semaphore& lock = CommsChannelLocatorInspector::mapLock(*locator);
-        lock.take(-1);
-        body(CommsChannelLocatorInspector::localMap(*locator), CommsChannelLocatorInspector::remoteMap(*locator));
-        lock.give();
+        const int own = dirfd(fds);
+        while (dirent* entry = readdir(fds)) {
+            if (entry->d_name[0] == '.') {
+                continue;
+            }
+            const int fd = std::atoi(entry->d_name);
+            int type = 0;
+            socklen_t typeLength = sizeof type;
+            sockaddr_in address;
+            socklen_t length = sizeof address;
+            if (fd == own || watched.count(fd) != 0 ||
+                getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &typeLength) != 0 || type != SOCK_DGRAM ||
+                getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+                address.sin_family != AF_INET || address.sin_addr.s_addr != htonl(INADDR_LOOPBACK) ||
+                ntohs(address.sin_port) == CommsChannelLocator::RESOLVER_PORT) {
+                continue;
+            }
+            bool other = false;
+            for (int fdOfTest : others) {
+                other = other || fdOfTest == fd;
+            }
+            if (!other) {
+                found.push_back(fd);
+            }
+        }
+        closedir(fds);
+        return found;
+    }
+    // The locator's socket: -1 unless exactly one socket qualifies.
+    static int socket(const std::vector<int>& others = std::vector<int>())
+    {
+        const std::vector<int> found = unwatchedSockets(others);
+        return found.size() == 1 ? found[0] : -1;
+    }
+    static int port(const std::vector<int>& others = std::vector<int>())
+    {
+        return ReceiverProbe::boundPort(socket(others));
     }
 };
 
@@ -154,64 +218,6 @@ private:
     };
     std::shared_ptr<State> m_state;
     std::thread m_thread;
-};
-
-// Records, for as long as it exists, the serial of every locator whose thread
-// was started and of every locator whose thread was joined. One at a time.
-//
-// Usage:
-//   cctest::LocatorThreadWatch watch;
-//   ... channels come and go ...
-//   EXPECT_EQ(watch.started(), watch.joined());
-class LocatorThreadWatch {
-public:
-    LocatorThreadWatch()
-    {
-        locator_state::threadStartedObserver = &onStarted;
-        locator_state::threadJoinedObserver = &onJoined;
-    }
-    ~LocatorThreadWatch()
-    {
-        locator_state::threadStartedObserver = nullptr;
-        locator_state::threadJoinedObserver = nullptr;
-        std::lock_guard<std::mutex> lock(mutex());
-        log(false).clear();
-        log(true).clear();
-    }
-    LocatorThreadWatch(const LocatorThreadWatch&) = delete;
-    LocatorThreadWatch& operator=(const LocatorThreadWatch&) = delete;
-
-    // Serials in the order of the events.
-    std::vector<unsigned long> started() { return copy(false); }
-    std::vector<unsigned long> joined() { return copy(true); }
-
-private:
-    static std::mutex& mutex()
-    {
-        static std::mutex* lock = new std::mutex();
-        return *lock;
-    }
-    static std::vector<unsigned long>& log(bool joins)
-    {
-        static std::vector<unsigned long>* startLog = new std::vector<unsigned long>();
-        static std::vector<unsigned long>* joinLog = new std::vector<unsigned long>();
-        return joins ? *joinLog : *startLog;
-    }
-    static void onStarted(unsigned long serial)
-    {
-        std::lock_guard<std::mutex> lock(mutex());
-        log(false).push_back(serial);
-    }
-    static void onJoined(unsigned long serial)
-    {
-        std::lock_guard<std::mutex> lock(mutex());
-        log(true).push_back(serial);
-    }
-    static std::vector<unsigned long> copy(bool joins)
-    {
-        std::lock_guard<std::mutex> lock(mutex());
-        return log(joins);
-    }
 };
 
 }  // namespace cctest

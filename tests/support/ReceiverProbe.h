@@ -1,7 +1,14 @@
-// Looks at the receiver's module state under its list lock, and small tools
-// for the receiver tests: a gate that holds the receiver thread inside a
-// channel's queue, a diversion of status updates to a test socket, and a
+// Looks at the receiver from outside, through what the kernel shows of this
+// process (the descriptors its epoll set watches, the sockets' pending
+// bytes, the process's threads), and small tools for the receiver tests: a
+// gate that holds the receiver thread inside a channel's inbox, and a
 // channel destruction with a deadline. Header only.
+//
+// Usage:
+//   const int before = cctest::ReceiverProbe::threadCount();
+//   CommsChannel* channel = new CommsChannel("");
+//   EXPECT_EQ(before + 1, cctest::ReceiverProbe::threadCount());
+//   EXPECT_TRUE(cctest::ReceiverProbe::isMonitored(channel->socketHandle()));
 #ifndef COMMSCHANNEL_RECEIVER_PROBE_H
 #define COMMSCHANNEL_RECEIVER_PROBE_H
 
@@ -11,23 +18,29 @@
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelReceiver.h"
 #include "WhiteBoxAccess.h"
-#include "ReceiverState.h"
 #include "Semaphore.h"
 #include "StderrRecorder.h"
 #include "TestUtil.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,40 +49,160 @@ namespace cctest {
 
 class ReceiverProbe {
 public:
+    // The process's current receiver (made if there is none).
     static CommsChannelReceiver* current() { return CommsChannelReceiverInspector::current(); }
 
-    // The watched channels, in list order (empty when there is no list).
-    static std::vector<CommsChannel*> channels()
+    // Threads of this process, as /proc/self/task lists them.
+    static int threadCount()
     {
-        std::vector<CommsChannel*> copy;
-        receiver_state::channelListLock().take(-1);
-        if (receiver_state::receiveChannels != nullptr) {
-            copy = *receiver_state::receiveChannels;
+        int count = 0;
+        DIR* tasks = opendir("/proc/self/task");
+        if (tasks == nullptr) {
+            return -1;
         }
-        receiver_state::channelListLock().give();
-        return copy;
+        while (dirent* entry = readdir(tasks)) {
+            if (entry->d_name[0] != '.') {
+                ++count;
+            }
+        }
+        closedir(tasks);
+        return count;
     }
-
-    static int maxSocketPlusOne()
+    static bool waitForThreadCount(int count, int timeoutMs = 20000)
     {
-        receiver_state::channelListLock().take(-1);
-        const int value = receiver_state::maxSocketPlusOne;
-        receiver_state::channelListLock().give();
-        return value;
+        return waitUntil([count] { return threadCount() == count; }, timeoutMs);
     }
 
-    static bool isMonitored(int fd)
+    // The thread ids of this process.
+    static std::vector<int> threadIds()
     {
-        receiver_state::channelListLock().take(-1);
-        const bool watched = FD_ISSET(fd, &receiver_state::monitorSet);
-        receiver_state::channelListLock().give();
-        return watched;
+        std::vector<int> ids;
+        DIR* tasks = opendir("/proc/self/task");
+        if (tasks == nullptr) {
+            return ids;
+        }
+        while (dirent* entry = readdir(tasks)) {
+            if (entry->d_name[0] != '.') {
+                ids.push_back(std::atoi(entry->d_name));
+            }
+        }
+        closedir(tasks);
+        return ids;
+    }
+    static bool threadExists(int tid) { return access(("/proc/self/task/" + std::to_string(tid)).c_str(), F_OK) == 0; }
+    // The system call a thread is blocked in (-1 when it runs or is gone).
+    static long blockedIn(int tid)
+    {
+        std::ifstream call("/proc/self/task/" + std::to_string(tid) + "/syscall");
+        long number = -1;
+        if (!(call >> number)) {
+            return -1;
+        }
+        return number;
+    }
+    static bool waitsInEpoll(int tid)
+    {
+        const long number = blockedIn(tid);
+#ifdef SYS_epoll_wait
+        if (number == SYS_epoll_wait) {
+            return true;
+        }
+#endif
+        return number == SYS_epoll_pwait;
+    }
+    static bool waitsInPoll(int tid)
+    {
+        const long number = blockedIn(tid);
+#ifdef SYS_poll
+        if (number == SYS_poll) {
+            return true;
+        }
+#endif
+        return number == SYS_ppoll;
+    }
+    // The receiver thread: the one thread waiting in epoll_wait, found once
+    // it waits there (0 when none was found in time).
+    static int receiverThreadId(int timeoutMs = 20000)
+    {
+        int found = 0;
+        waitUntil(
+            [&found] {
+                int waiting = 0;
+                for (int tid : threadIds()) {
+                    if (waitsInEpoll(tid)) {
+                        found = tid;
+                        ++waiting;
+                    }
+                }
+                return waiting == 1;
+            },
+            timeoutMs);
+        return found;
     }
 
-    static int statusSocket() { return receiver_state::statusSocket.load(); }
-    // As getsockname gave it: network byte order.
-    static int statusPort() { return receiver_state::statusPort.load(); }
-    static bool stopRequested() { return receiver_state::stopReceiver.load(); }
+    // The descriptors of this process that are epoll sets (the receiver's).
+    static std::vector<int> epollDescriptors()
+    {
+        std::vector<int> found;
+        DIR* fds = opendir("/proc/self/fd");
+        if (fds == nullptr) {
+            return found;
+        }
+        while (dirent* entry = readdir(fds)) {
+            if (entry->d_name[0] == '.') {
+                continue;
+            }
+            const std::string path = std::string("/proc/self/fd/") + entry->d_name;
+            char target[256];
+            const ssize_t length = readlink(path.c_str(), target, sizeof target - 1);
+            if (length > 0 && std::string(target, static_cast<std::size_t>(length)) == "anon_inode:[eventpoll]") {
+                found.push_back(std::atoi(entry->d_name));
+            }
+        }
+        closedir(fds);
+        return found;
+    }
+
+    // Every descriptor watched by an epoll set of this process.
+    static std::set<int> watched()
+    {
+        std::set<int> fds;
+        for (int epollFd : epollDescriptors()) {
+            std::ifstream info("/proc/self/fdinfo/" + std::to_string(epollFd));
+            std::string word;
+            while (info >> word) {
+                if (word == "tfd:") {
+                    int fd = -1;
+                    if (info >> fd) {
+                        fds.insert(fd);
+                    }
+                }
+            }
+        }
+        return fds;
+    }
+    static bool isMonitored(int fd) { return fd > 0 && watched().count(fd) != 0; }
+
+    // The status socket: the watched descriptor that is no channel's socket.
+    // -1 unless there is exactly one such descriptor.
+    static int statusSocket(const std::vector<const CommsChannel*>& channels)
+    {
+        std::set<int> fds = watched();
+        for (const CommsChannel* channel : channels) {
+            fds.erase(channel->socketHandle());
+        }
+        return fds.size() == 1 ? *fds.begin() : -1;
+    }
+    // The port (host byte order) a socket is bound to, 0 on error.
+    static int boundPort(int fd)
+    {
+        sockaddr_in address;
+        socklen_t length = sizeof address;
+        if (fd < 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            return 0;
+        }
+        return ntohs(address.sin_port);
+    }
 
     // Bytes of the first datagram waiting on fd (FIONREAD), -1 on error.
     static int pendingBytes(int fd)
@@ -77,30 +210,6 @@ public:
         int count = 0;
         return ioctl(fd, FIONREAD, &count) == -1 ? -1 : count;
     }
-
-    // The receiver thread has ended: it closes and clears the status socket
-    // on its way out.
-    static bool waitForThreadEnd(int timeoutMs = 20000)
-    {
-        return waitUntil([] { return statusSocket() == 0; }, timeoutMs);
-    }
-};
-
-// While it lives, status updates go to a test socket instead of the
-// receiver's own status socket, so that the test can read them. The thread
-// is not woken in the meantime.
-class StatusUpdateDiversion {
-public:
-    explicit StatusUpdateDiversion(int hostOrderPort) : m_saved(receiver_state::statusPort.load())
-    {
-        receiver_state::statusPort = static_cast<int>(htons(static_cast<uint16_t>(hostOrderPort)));
-    }
-    ~StatusUpdateDiversion() { receiver_state::statusPort = m_saved; }
-    StatusUpdateDiversion(const StatusUpdateDiversion&) = delete;
-    StatusUpdateDiversion& operator=(const StatusUpdateDiversion&) = delete;
-
-private:
-    int m_saved;
 };
 
 // An interceptor that holds the thread queuing a message until the test

@@ -10,6 +10,7 @@
 #include "CommsChannelMessageCreator.h"
 #include "CommsChannelPortRequestMessage.h"
 #include "CommsException.h"
+#include "LocatorProbe.h"
 #include "WhiteBoxAccess.h"
 #include "ResolverProcess.h"
 #include "SystemPeer.h"
@@ -111,14 +112,14 @@ protected:
     // knows no channels.
     static void playFirstUpdate()
     {
-        CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
-        ASSERT_NE(nullptr, locator);
+        const int locatorPort = cctest::LocatorProbe::port();
+        ASSERT_NE(0, locatorPort);
         CommsChannelLocatorUpdateMessage update;
         int length = 0;
         const char* encoding = update.encode(&length);
         ASSERT_NE(nullptr, encoding);
         cctest::UdpSocket foreign;
-        ASSERT_EQ(length, foreign.sendTo(CommsChannelLocatorInspector::port(*locator), encoding,
+        ASSERT_EQ(length, foreign.sendTo(locatorPort, encoding,
                                          static_cast<std::size_t>(length)));
     }
 
@@ -130,9 +131,6 @@ TEST_F(NoResolverTest, ChannelIsBuiltAndSendToItsOwnProcessWaitsForTheFirstUpdat
     ASSERT_EQ(-1, cctest::ResolverProcess::queryPort("anything", 200)) << "a resolver answers";
     CommsChannel alpha("alpha");
     EXPECT_GT(alpha.port(), 0);
-    CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
-    ASSERT_NE(nullptr, locator);
-    EXPECT_FALSE(CommsChannelLocatorInspector::initialUpdateReceived(*locator));
 
     std::atomic<int> result{-1};
     std::thread sender([&] { result = alpha.sendMsg("alpha", std::string("to myself")); });
@@ -180,6 +178,7 @@ TEST_F(NoResolverTest, PortRequestThatNobodyAnswersWaitsUntilTheLocatorGoes)
 {
     std::unique_ptr<CommsChannel> alpha(new CommsChannel("alpha"));
     CommsChannel* sending = alpha.get();
+    CommsChannelLocator* locator = CommsChannelLocator::instance();
     std::atomic<int> result{-1};
     std::thread sender([&result, sending] { result = sending->sendMsg("nobody", std::string("hello?")); });
     EXPECT_FALSE(cctest::waitUntil([&] { return finished(result); }, 500)) << "the send did not wait";
@@ -207,7 +206,7 @@ TEST_F(NoResolverTest, PortRequestThatNobodyAnswersWaitsUntilTheLocatorGoes)
     EXPECT_EQ("", printed.take());
     EXPECT_TRUE(done);
     EXPECT_EQ(0, result.load());
-    EXPECT_EQ(nullptr, CommsChannelLocatorInspector::current());
+    EXPECT_TRUE(locator->hasEnded());
 }
 
 // --- Resolver killed and restarted -----------------------------------------
@@ -329,11 +328,9 @@ TEST(PeerKilledTest, SendersNeitherCrashNorHangAndTheResolverWithdrawsItsNames)
             usleep(2000);  // pacing only: keeps the victim's buffer and stdout small
         }
     };
-    // Only one first resolution is released by the resolver's first update
-    // (the wake-up is not passed on): the threads start once it is in.
-    ASSERT_TRUE(cctest::waitUntil(
-        [] { return CommsChannelLocatorInspector::initialUpdateReceived(*CommsChannelLocatorInspector::current()); },
-        LINE_TIMEOUT_MS));
+    // The threads start once the resolver's first update is in: its answer
+    // to this process's registration lists the victim.
+    ASSERT_TRUE(cctest::waitUntil([] { return CommsChannelLocator::instanceKnowsName("victim"); }, LINE_TIMEOUT_MS));
     std::thread one(sendLoop, std::ref(first), 0);
     std::thread two(sendLoop, std::ref(second), 1);
     EXPECT_TRUE(cctest::waitUntil([&] { return sent[0] >= 10 && sent[1] >= 10; }, LINE_TIMEOUT_MS));

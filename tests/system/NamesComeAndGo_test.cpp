@@ -6,6 +6,7 @@
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsException.h"
+#include "ReceiverProbe.h"
 #include "WhiteBoxAccess.h"
 #include "ResolverProcess.h"
 #include "SystemPeer.h"
@@ -75,10 +76,13 @@ TEST_F(NamesComeAndGoTest, ChannelsDestroyedInAnyOrderAndCreatedAgainAreReachedA
     const std::vector<std::vector<int>> destructionOrders = {{0, 1, 2}, {2, 0, 1}, {1, 2, 0}};
     unsigned int seed = 1;
     for (const std::vector<int>& order : destructionOrders) {
+        const int threadsBefore = cctest::ReceiverProbe::threadCount();
         std::vector<std::unique_ptr<CommsChannel>> channels;
         for (const std::string& name : names) {
             channels.emplace_back(new CommsChannel(name));
         }
+        CommsChannelLocator* locator = CommsChannelLocator::instance();
+        CommsChannelReceiver* receiver = CommsChannelReceiver::instance();
         for (std::unique_ptr<CommsChannel>& channel : channels) {
             EXPECT_EQ(channel->port(), cctest::ResolverProcess::queryPort(channel->channelName()));
             peerReaches(*peer, "messenger", *channel, seed++);
@@ -91,8 +95,9 @@ TEST_F(NamesComeAndGoTest, ChannelsDestroyedInAnyOrderAndCreatedAgainAreReachedA
                 << name << " is still known to the resolver";
         }
         // The last channel took the locator and the receiver with it.
-        EXPECT_EQ(nullptr, CommsChannelLocatorInspector::current());
-        EXPECT_EQ(nullptr, CommsChannelReceiverInspector::current());
+        EXPECT_TRUE(locator->hasEnded());
+        EXPECT_TRUE(receiver->hasEnded());
+        EXPECT_EQ(threadsBefore, cctest::ReceiverProbe::threadCount());
         // The peer has heard of every removal before the names come back.
         for (const std::string& name : names) {
             EXPECT_EQ("FORGOTTEN " + name, command(*peer, "FORGET " + name));

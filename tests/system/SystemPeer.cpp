@@ -6,7 +6,8 @@
 #include "CommsException.h"
 #include "DataSpool.h"
 #include "WhiteBoxAccess.h"
-#include "ReceiverState.h"
+#include "LocatorProbe.h"
+#include "ReceiverProbe.h"
 #include "Semaphore.h"
 #include "TestUtil.h"
 
@@ -137,15 +138,9 @@ std::vector<std::string> receiveDescribed(CommsChannel& channel, int n, int time
 
 bool locatorKnowsRemote(const std::string& name)
 {
-    CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
-    if (locator == nullptr) {
-        return false;
-    }
-    Semaphore& lock = CommsChannelLocatorInspector::mapLock(*locator);
-    lock.take(-1);
-    const bool known = CommsChannelLocatorInspector::remoteMap(*locator).count(name) != 0;
-    lock.give();
-    return known;
+    // The name has no channel in this process, so knowing it means having
+    // learnt it from the resolver.
+    return CommsChannelLocator::instanceKnowsName(name);
 }
 
 std::string nullDispatcherLine(const std::string& source, const std::string& destination,
@@ -213,6 +208,15 @@ public:
 
     CommsChannel* first() { return m_channels.empty() ? nullptr : m_channels.front().second.get(); }
 
+    std::vector<const CommsChannel*> all()
+    {
+        std::vector<const CommsChannel*> channels;
+        for (auto& entry : m_channels) {
+            channels.push_back(entry.second.get());
+        }
+        return channels;
+    }
+
 private:
     std::vector<std::pair<std::string, std::unique_ptr<CommsChannel>>> m_channels;
 };
@@ -250,6 +254,8 @@ CC_CHILD_MAIN(peer)
         channels.open(name);
     }
     cctest::childSay("READY " + std::to_string(channels.first() != nullptr ? channels.first()->port() : 0));
+    // The receiver thread, once PORTS has found it.
+    int receiverThread = 0;
 
     std::vector<CommsChannelDataContainerMessage> kept;
     std::string line;
@@ -263,9 +269,11 @@ CC_CHILD_MAIN(peer)
             break;
         }
         if (command == "PORTS") {
-            CommsChannelLocator* locator = CommsChannelLocatorInspector::current();
-            const int locatorPort = locator != nullptr ? CommsChannelLocatorInspector::port(*locator) : 0;
-            const int statusPort = ntohs(static_cast<uint16_t>(receiver_state::statusPort.load()));
+            const int locatorPort = cctest::LocatorProbe::port();
+            const int statusPort = cctest::ReceiverProbe::boundPort(cctest::ReceiverProbe::statusSocket(channels.all()));
+            if (receiverThread == 0 || !cctest::ReceiverProbe::threadExists(receiverThread)) {
+                receiverThread = cctest::ReceiverProbe::receiverThreadId(systest::PEER_RECEIVE_TIMEOUT_MS);
+            }
             cctest::childSay("PORTS " + std::to_string(channels.first() != nullptr ? channels.first()->port() : 0) +
                              " " + std::to_string(locatorPort) + " " + std::to_string(statusPort));
             continue;
@@ -287,15 +295,24 @@ CC_CHILD_MAIN(peer)
             continue;
         }
         if (command == "RECEIVERENDED") {
-            const bool ended = cctest::waitUntil([] { return receiver_state::statusSocket.load() == 0; },
-                                                 systest::PEER_RECEIVE_TIMEOUT_MS);
+            const int tid = receiverThread;
+            const bool ended =
+                tid != 0 && cctest::waitUntil([tid] { return !cctest::ReceiverProbe::threadExists(tid); },
+                                              systest::PEER_RECEIVE_TIMEOUT_MS);
             cctest::childSay(ended ? "RECEIVER ENDED" : "TIMEOUT");
             continue;
         }
         if (command == "JOINING") {
             const int fd = channels.first() != nullptr ? channels.first()->socketHandle() : -1;
-            const bool joining = cctest::waitUntil([fd] { return receiver_state::joiningSocket.load() == fd; },
-                                                   systest::PEER_RECEIVE_TIMEOUT_MS);
+            // The first piece has been read, and the thread waits in the
+            // poll that waits for the next one.
+            const int tid = receiverThread;
+            const bool joining = tid != 0 && cctest::waitUntil(
+                                                 [fd, tid] {
+                                                     return cctest::ReceiverProbe::pendingBytes(fd) == 0 &&
+                                                            cctest::ReceiverProbe::waitsInPoll(tid);
+                                                 },
+                                                 systest::PEER_RECEIVE_TIMEOUT_MS);
             cctest::childSay(joining ? "JOINING" : "TIMEOUT");
             continue;
         }

@@ -24,8 +24,10 @@
 //                            from the resolver: "FORGOTTEN <name>" or "TIMEOUT"
 //   PORTS                    "PORTS <first channel's port> <locator port> <receiver status port>"
 //   SPAWN                    start /bin/sleep 60 as a helper program: "SPAWNED <pid>"
-//   RECEIVERENDED            wait until the receiver thread has ended: "RECEIVER ENDED" or "TIMEOUT"
-//   JOINING                  wait until the receiver thread waits for the rest of
+//   RECEIVERENDED            wait until the receiver thread found by the last PORTS
+//                            has ended: "RECEIVER ENDED" or "TIMEOUT"
+//   JOINING                  wait until the receiver thread found by the last PORTS
+//                            waits for the rest of
 //                            an encoding on the first channel: "JOINING" or "TIMEOUT"
 //   QUIT (or end of input)   destroy every channel, newest first, print "BYE", exit 0
 #ifndef COMMSCHANNEL_SYSTEM_PEER_H
