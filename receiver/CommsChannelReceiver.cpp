@@ -90,7 +90,8 @@ int CommsChannelReceiver::createStatusUpdateSocketConnection()
 
 int CommsChannelReceiver::statusUpdate(statusUpdateMsgId id)
 {
-    if (!m_pstate->status.valid()) {
+    // Once the thread has gone nobody reads the status socket.
+    if (m_pstate->threadGone || !m_pstate->status.valid()) {
         return 0;
     }
     // The id goes out as a 4-byte integer in host byte order.
@@ -100,11 +101,7 @@ int CommsChannelReceiver::statusUpdate(statusUpdateMsgId id)
 
 void CommsChannelReceiver::updateSocketMonitorList() {}
 
-bool CommsChannelReceiver::hasEnded() const
-{
-    ScopedLock hold(m_pstate->listLock);
-    return m_pstate->ended;
-}
+bool CommsChannelReceiver::hasEnded() const { return m_pstate->ended; }
 
 int CommsChannelReceiver::numReceiveChannels()
 {
@@ -169,11 +166,8 @@ void CommsChannelReceiver::removeReceiveChannel(CommsChannel* channel)
 
 void CommsChannelReceiver::stopThread()
 {
-    {
-        ScopedLock hold(m_pstate->listLock);
-        if (m_pstate->ended) {
-            return;
-        }
+    if (m_pstate->ended) {
+        return;
     }
     m_pstate->stop = true;
     statusUpdate(CHANNEL_REMOVED);

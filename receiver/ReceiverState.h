@@ -45,7 +45,12 @@ struct ReceiverState {
     int epollFd = -1;  // the status socket and every watched channel socket
     unsigned long threadId = 0;
     std::atomic<bool> stop{false};   // set to end the thread; never cleared
-    bool ended = false;              // the thread has been joined; guarded by listLock
+    // The thread has ended, by its own stop or by a message it could not
+    // read: status updates are no longer sent.
+    std::atomic<bool> threadGone{false};
+    // The thread has been joined: the receiver has ended. Read without the
+    // list lock, which a pass may hold for long.
+    std::atomic<bool> ended{false};
     // A removal of the channel whose socket the thread is joining an encoding
     // from asks the thread to give that encoding up, so that the removal is
     // not held up by a sender that never completes it. -1: none.

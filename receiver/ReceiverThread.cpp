@@ -224,9 +224,27 @@ bool statusReady(const ReceiverState& state, const epoll_event* events, int read
 
 }  // namespace
 
+namespace {
+
+// Marks the thread gone however it ends: by pthread_exit or by the
+// failure text thrown on a message it cannot read.
+class ThreadGoneMark {
+public:
+    explicit ThreadGoneMark(ReceiverState& state) : m_state(state) {}
+    ~ThreadGoneMark() { m_state.threadGone = true; }
+    ThreadGoneMark(const ThreadGoneMark&) = delete;
+    ThreadGoneMark& operator=(const ThreadGoneMark&) = delete;
+
+private:
+    ReceiverState& m_state;
+};
+
+}  // namespace
+
 void* runReceiverThread(void* argument)
 {
     ReceiverState& state = *static_cast<ReceiverState*>(argument);
+    ThreadGoneMark mark(state);
     while (!state.stop) {
         monitorChannels(state);
     }

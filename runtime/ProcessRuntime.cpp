@@ -46,15 +46,28 @@ int ProcessRuntime::unregisterChannel(CommsChannel* channel)
 CommsChannelReceiver& ProcessRuntime::currentReceiver()
 {
     if (!m_receiver || m_receiver->hasEnded()) {
-        // The ended receiver's thread has been joined; nothing uses it.
-        m_receiver.reset();
-        m_receiver.reset(new CommsChannelReceiver());
+        std::unique_ptr<CommsChannelReceiver> fresh(new CommsChannelReceiver());
+        std::unique_ptr<CommsChannelReceiver> ended;
+        {
+            ScopedLock view(m_receiverViewLock);
+            ended = std::move(m_receiver);
+            m_receiver = std::move(fresh);
+        }
+        // The ended receiver's thread has been joined; it goes now.
     }
     return *m_receiver;
 }
 
 CommsChannelReceiver* ProcessRuntime::receiver()
 {
+    {
+        // A look that never waits for a removal under way (which may wait
+        // for the receiver thread, which may be the caller).
+        ScopedLock view(m_receiverViewLock);
+        if (m_receiver && !m_receiver->hasEnded()) {
+            return m_receiver.get();
+        }
+    }
     ScopedLock hold(m_receiverLock);
     return &currentReceiver();
 }

@@ -15,8 +15,10 @@
 // Thread safety: every operation may be called from any thread. m_locatorLock
 // serialises the creation, registrations and removals of the locator (a
 // removal that ends it holds it until the locator has shut down);
-// m_receiverLock does the same for the receiver. The two are never held
-// together, and neither is held by the locator or receiver threads.
+// m_receiverLock does the same for the receiver, and m_receiverViewLock
+// guards only the look at which receiver is current. None is held while
+// another runtime lock is taken except the view lock inside m_receiverLock,
+// and the locator and receiver threads take none of them.
 #ifndef COMMSCHANNEL_PROCESS_RUNTIME_H
 #define COMMSCHANNEL_PROCESS_RUNTIME_H
 
@@ -60,7 +62,10 @@ private:
     Mutex m_locatorLock;
     std::shared_ptr<CommsChannelLocator> m_locator;  // guarded by m_locatorLock
     Mutex m_receiverLock;
-    std::unique_ptr<CommsChannelReceiver> m_receiver;  // guarded by m_receiverLock
+    // Written under both locks, read under either: the view lock is held
+    // only for a look, never while anything waits.
+    Mutex m_receiverViewLock;
+    std::unique_ptr<CommsChannelReceiver> m_receiver;
 };
 
 #endif

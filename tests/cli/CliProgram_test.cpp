@@ -248,6 +248,14 @@ TEST_F(CliProgramTest, ListShowsNamesSortedWithProcessAndCounters)
     EXPECT_NE(std::string::npos, rows[1].find(" " + std::to_string(alpha.pid()) + " ")) << rows[1];
 }
 
+// The state letter of a process in /proc/PID/stat ('T' when stopped).
+char processState(pid_t pid)
+{
+    const std::string stat = cctest::readFile("/proc/" + std::to_string(pid) + "/stat");
+    const std::string::size_type end = stat.rfind(')');
+    return end != std::string::npos && end + 2 < stat.size() ? stat[end + 2] : '?';
+}
+
 TEST_F(CliProgramTest, FloodOnAStoppedProcessShowsDropsInList)
 {
     startResolver();
@@ -258,6 +266,9 @@ TEST_F(CliProgramTest, FloodOnAStoppedProcessShowsDropsInList)
     // Stopped, its receiver thread drains nothing: the socket's buffer fills
     // and the kernel drops the rest.
     victim.sendSignal(SIGSTOP);
+    // The signal takes effect asynchronously: flood only once the process
+    // really stands still, or its receiver thread reads some garbage.
+    ASSERT_TRUE(cctest::waitUntil([&victim] { return processState(victim.pid()) == 'T'; }, RUN_TIMEOUT_MS));
     cctest::UdpSocket flooder;
     const std::string datagram(1000, 'x');
     for (int i = 0; i < 1000; ++i) {
