@@ -594,6 +594,9 @@ local function classify(tvb, pinfo, resolver)
 end
 
 local function dissect(tvb, pinfo, tree, resolver)
+    -- The heuristic sees resolver traffic too when UDP tries heuristics
+    -- first: it is one encoding a datagram all the same.
+    resolver = resolver or pinfo.src_port == RESOLVER_PORT or pinfo.dst_port == RESOLVER_PORT
     local info = frames[pinfo.number]
     if info == nil then
         if pinfo.visited then return 0 end

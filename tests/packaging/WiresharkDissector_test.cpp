@@ -519,6 +519,13 @@ TEST_F(WiresharkDissector, ByteOrderPreferenceReadsEachOrderAsSet)
     expectLines(other.expected, messageLines(otherCapture, {little ? BIG : LITTLE}));
 }
 
+TEST_F(WiresharkDissector, HeuristicsTriedFirstShowTheSameMessages)
+{
+    const Scenario scenario = everyKind(false);
+    const std::string capture = writeCapture(scenario, "native.pcap");
+    expectLines(scenario.expected, messageLines(capture, {"udp.try_heuristic_first:TRUE"}));
+}
+
 TEST_F(WiresharkDissector, WrongByteOrderPreferenceShowsUndecodableResolverTraffic)
 {
     // A register read in the wrong order has a total length that does not
