@@ -48,4 +48,7 @@ install(CODE "
 ")
 install(FILES ${PROJECT_BINARY_DIR}/packaging/commschannel-resolver.service DESTINATION ${_cc_servicedir})
 install(PROGRAMS ${PROJECT_BINARY_DIR}/packaging/commschannel-resolver.init DESTINATION ${_cc_servicedir})
+# The Wireshark dissector, for tshark -X lua_script:FILE or a copy among the
+# user's Wireshark plugins.
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/wireshark/commschannel.lua DESTINATION ${_cc_servicedir}/wireshark)
 install(FILES ${PROJECT_SOURCE_DIR}/docs/guide.md ${PROJECT_SOURCE_DIR}/docs/resolver.md DESTINATION ${CMAKE_INSTALL_DOCDIR})

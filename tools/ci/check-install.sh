@@ -18,6 +18,16 @@ done
 for file in commschannel-resolver.service commschannel-resolver.init; do
     test -f "$work/prefix/share/commschannel/$file" || { echo "check-install: share/commschannel/$file is missing" >&2; exit 1; }
 done
+test -f "$work/prefix/share/commschannel/wireshark/commschannel.lua" ||
+    { echo "check-install: share/commschannel/wireshark/commschannel.lua is missing" >&2; exit 1; }
+# Where tshark is installed, the installed dissector loads and brings its fields.
+if command -v tshark >/dev/null 2>&1; then
+    mkdir -p "$work/tshark-home"
+    HOME="$work/tshark-home" XDG_CONFIG_HOME="$work/tshark-home" \
+        tshark -G fields -X lua_script:"$work/prefix/share/commschannel/wireshark/commschannel.lua" 2>/dev/null |
+        awk -F '\t' '$3 == "commschannel.kind" { found = 1 } END { exit !found }' ||
+        { echo "check-install: tshark does not load the installed dissector" >&2; exit 1; }
+fi
 
 # The installed programs find their libraries by their relative RPATH: they
 # run from the scratch prefix with a clean environment, no LD_LIBRARY_PATH.

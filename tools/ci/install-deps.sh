@@ -2,7 +2,9 @@
 # Installs what building and testing CommsChannel needs on a fresh Debian 12
 # machine. Safe to run again: packages already present are left alone.
 set -eu
-packages="cmake g++ make googletest iproute2 util-linux pkg-config"
+# tshark runs the Wireshark dissector's tests (a host program, also for the
+# MIPS run: it only reads capture files).
+packages="cmake g++ make googletest iproute2 util-linux pkg-config tshark"
 if [ "${COMMSCHANNEL_SKIP_MIPS:-0}" != "1" ]; then
     packages="$packages g++-mips-linux-gnu qemu-user"
 fi
