@@ -14,6 +14,7 @@ int runSend(const CliOptions& options);
 int runCall(const CliOptions& options);
 int runListen(const CliOptions& options);
 int runWait(const CliOptions& options);
+int runMonitor(const CliOptions& options);
 
 }  // namespace cli
 

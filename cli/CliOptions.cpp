@@ -12,18 +12,21 @@ namespace {
 struct CommandInfo {
     Command command;
     const char* name;
-    int operands;         // NAME, or NAME and DATA
+    int operands;         // NAME, or NAME and DATA; ANY_NAMES: any number of NAMEs
     const char* options;  // the short letters and value options it takes
 };
 
+const int ANY_NAMES = -1;
+
 // Which options each subcommand takes: j (-j/--json), y (--type), i (--id),
-// t (-t/--timeout), n (-n/--count).
+// t (-t/--timeout), n (-n/--count), p (--pcap).
 const CommandInfo COMMANDS[] = {
     {COMMAND_LIST, "list", 0, "j"},
     {COMMAND_SEND, "send", 2, "yi"},
     {COMMAND_CALL, "call", 2, "yjt"},
     {COMMAND_LISTEN, "listen", 1, "jn"},
     {COMMAND_WAIT, "wait", 1, "t"},
+    {COMMAND_MONITOR, "monitor", ANY_NAMES, "jnp"},
 };
 
 const CommandInfo* findCommand(const std::string& name)
@@ -53,6 +56,9 @@ char optionLetter(const std::string& argument)
     }
     if (argument == "-n" || argument == "--count") {
         return 'n';
+    }
+    if (argument == "--pcap") {
+        return 'p';
     }
     return 0;
 }
@@ -95,6 +101,13 @@ bool setValue(char letter, const std::string& option, const std::string& value, 
         }
         options->count = static_cast<long>(number);
         return true;
+    case 'p':
+        if (value.empty()) {
+            *error = "option " + option + " needs a FILE (- for standard output)";
+            return false;
+        }
+        options->pcapPath = value;
+        return true;
     default:
         return false;
     }
@@ -130,6 +143,16 @@ bool parseOption(const CommandInfo& info, int argc, const char* const* argv, int
 bool assignOperands(const CommandInfo& info, const std::vector<std::string>& operands, CliOptions* options,
                     std::string* error)
 {
+    if (info.operands == ANY_NAMES) {
+        for (const std::string& name : operands) {
+            if (name.empty()) {
+                *error = "a channel NAME must not be empty";
+                return false;
+            }
+        }
+        options->names = operands;
+        return true;
+    }
     if (static_cast<int>(operands.size()) > info.operands) {
         *error = "unexpected argument \"" + operands[static_cast<std::size_t>(info.operands)] + "\"";
         return false;
@@ -247,6 +270,33 @@ const char* waitUsage()
            "Exit status: 0 NAME is registered, 1 time-out, 2 bad command line.\n";
 }
 
+const char* monitorUsage()
+{
+    return "Usage: commschannel monitor [NAME...] [-n COUNT] [-j] [--pcap FILE]\n"
+           "Prints every message that crosses the loopback interface between channels\n"
+           "and between processes and the resolver, one a line: time, kind, ports,\n"
+           "source, channel, callback, type, request id, length and data (escaped as\n"
+           "listen prints it). Kinds: data, spool, register, unregister,\n"
+           "port_request, port_response, update, status, undecodable. A message split\n"
+           "over several datagrams is printed once, joined, with pieces=N. With NAMEs,\n"
+           "only messages from or to those channels and the resolver's traffic about\n"
+           "them. Needs root. Writes \"listening on lo\" on standard error once\n"
+           "capturing; stops after COUNT messages, or on SIGINT or SIGTERM.\n"
+           "\n"
+           "  -n, --count COUNT   stop after COUNT messages\n"
+           "  -j, --json          one JSON object a line: time, kind, source, channel,\n"
+           "                      callback, type, request_id, length, data, src_port,\n"
+           "                      dst_port, and where the kind has them spool_path,\n"
+           "                      pieces, name, port, rows, reason\n"
+           "      --pcap FILE     also write the datagrams shown to FILE as a pcap\n"
+           "                      capture (raw IPv4) for tcpdump or Wireshark; - is\n"
+           "                      standard output, which then carries nothing else\n"
+           "  -h, --help          print this help\n"
+           "\n"
+           "Exit status: 0 stopped as asked, 1 not root or no capture possible,\n"
+           "2 bad command line.\n";
+}
+
 const char* overviewUsage()
 {
     return "Usage: commschannel COMMAND [ARGUMENT]...\n"
@@ -259,6 +309,7 @@ const char* overviewUsage()
            "  call NAME DATA               send a request and print the reply\n"
            "  listen NAME                  create a channel and print what arrives\n"
            "  wait NAME                    wait until a name is registered\n"
+           "  monitor [NAME...]            print the messages between processes (root)\n"
            "\n"
            "  -h, --help                   print this help (or COMMAND --help)\n"
            "      --version                print the version\n"
@@ -318,6 +369,8 @@ std::string cliUsage(Command command)
         return listenUsage();
     case COMMAND_WAIT:
         return waitUsage();
+    case COMMAND_MONITOR:
+        return monitorUsage();
     case COMMAND_NONE:
         break;
     }

@@ -8,6 +8,7 @@
 //   commschannel call   NAME DATA [--type N] [-t MS] [-j]
 //   commschannel listen NAME [-n COUNT] [-j]
 //   commschannel wait   NAME [-t MS]
+//   commschannel monitor [NAME...] [-n COUNT] [-j] [--pcap FILE]
 //
 // Every subcommand takes -h/--help. Options may stand before, between or
 // after the operands; a value follows its option as the next argument or
@@ -17,6 +18,7 @@
 #define COMMSCHANNEL_CLI_OPTIONS_H
 
 #include <string>
+#include <vector>
 
 namespace cli {
 
@@ -29,7 +31,8 @@ const int EXIT_USAGE = 2;
 const int DEFAULT_CALL_TIMEOUT_MS = 5000;
 const int DEFAULT_WAIT_TIMEOUT_MS = 10000;
 
-enum Command { COMMAND_NONE, COMMAND_LIST, COMMAND_SEND, COMMAND_CALL, COMMAND_LISTEN, COMMAND_WAIT };
+enum Command { COMMAND_NONE, COMMAND_LIST, COMMAND_SEND, COMMAND_CALL, COMMAND_LISTEN, COMMAND_WAIT,
+              COMMAND_MONITOR };
 
 struct CliOptions {
     Command command = COMMAND_NONE;
@@ -44,6 +47,10 @@ struct CliOptions {
     long requestId = 0;
     int timeoutMs = 0;  // the subcommand's default unless -t was given
     long count = 0;     // 0: no limit
+    // monitor: the names to watch (empty: all) and the capture file ("":
+    // none, "-": standard output).
+    std::vector<std::string> names;
+    std::string pcapPath;
 };
 
 // Reads argv[1..argc-1] into *options, starting from the defaults. Returns

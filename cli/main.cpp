@@ -37,6 +37,8 @@ int main(int argc, char** argv)
         return cli::runListen(options);
     case cli::COMMAND_WAIT:
         return cli::runWait(options);
+    case cli::COMMAND_MONITOR:
+        return cli::runMonitor(options);
     case cli::COMMAND_NONE:
         break;
     }

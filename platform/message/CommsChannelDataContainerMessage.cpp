@@ -1,5 +1,6 @@
 #include "CommsChannelDataContainerMessage.h"
 
+#include "DataContainerFields.h"
 #include "DataSpool.h"
 #include "LargeData.h"
 #include "WireCodec.h"
@@ -231,51 +232,25 @@ void CommsChannelDataContainerMessage::encodeBody(wire::Writer& writer)
 
 bool CommsChannelDataContainerMessage::decodeBody(wire::Reader& reader)
 {
-    std::string sourceChannel = reader.getString();
-    std::string callbackChannel = reader.getString();
-    std::string protocol = reader.getString();
-    std::string interfaceName = reader.getString();
-    std::string remoteContext = reader.getString();
-    const std::int64_t requestId = reader.getI64();
-    const std::int32_t msgType = reader.getI32();
-    const std::int32_t priority = reader.getI32();
-    const std::uint8_t dataKind = reader.getU8();
-    std::string data;
-    std::string dataFile;
-    std::uint64_t fileLength = 0;
-    std::uint32_t fileOwner = 0;
-    // Version 2 exists only for a spool reference with its writer's uid.
-    // A version 1 reference comes from a build that spooled only between
-    // processes of one user: its file lies in this user's own directory.
-    const bool ownerNamed = reader.version() == wire::VERSION_SPOOL_OWNER;
-    if (dataKind == DATA_INLINE && !ownerNamed) {
-        data = reader.getString();
-    } else if (dataKind == DATA_IN_FILE) {
-        dataFile = reader.getString();
-        fileLength = reader.getU64();
-        fileOwner = ownerNamed ? reader.getU32() : static_cast<std::uint32_t>(spool::writerId());
-    } else {
-        reader.fail();
-    }
-    // A request id that this host's long cannot hold was not made here.
-    if (!reader.complete() || static_cast<std::int64_t>(static_cast<long>(requestId)) != requestId ||
-        fileLength > static_cast<std::uint64_t>(INT_MAX)) {
+    DataContainerFields fields;
+    if (!readDataContainerFields(reader, &fields)) {
         return false;
     }
     // The file is read last, once everything else is known to be sound, so a
     // malformed encoding never consumes somebody's file.
-    if (dataKind == DATA_IN_FILE && !spool::retrieve(dataFile, static_cast<uid_t>(fileOwner), fileLength, data)) {
+    if (fields.inFile &&
+        !spool::retrieve(fields.fileName, static_cast<uid_t>(fields.fileOwner), fields.fileLength, fields.data)) {
         return false;
     }
     dropDataFile();
-    m_sourceChannel.swap(sourceChannel);
-    m_callbackChannel.swap(callbackChannel);
-    m_protocol.swap(protocol);
-    m_interface.swap(interfaceName);
-    m_remoteContext.swap(remoteContext);
-    m_requestId = static_cast<long>(requestId);
-    m_msgType = msgType;
-    m_priority = static_cast<VireoThreadPriority>(priority);
-    m_data.swap(data);
+    m_sourceChannel.swap(fields.sourceChannel);
+    m_callbackChannel.swap(fields.callbackChannel);
+    m_protocol.swap(fields.protocol);
+    m_interface.swap(fields.interfaceName);
+    m_remoteContext.swap(fields.remoteContext);
+    m_requestId = static_cast<long>(fields.requestId);
+    m_msgType = fields.msgType;
+    m_priority = static_cast<VireoThreadPriority>(fields.priority);
+    m_data.swap(fields.data);
     return true;
 }

@@ -157,4 +157,31 @@ TEST_F(CliOptionsTest, EveryCommandHasItsOwnUsage)
     EXPECT_EQ(0u, cli::cliUsage(cli::COMMAND_NONE).find("Usage: commschannel COMMAND"));
 }
 
+TEST_F(CliOptionsTest, MonitorTakesAnyNumberOfNamesCountJsonAndPcap)
+{
+    ASSERT_TRUE(parse({"monitor"})) << error;
+    EXPECT_EQ(cli::COMMAND_MONITOR, options.command);
+    EXPECT_TRUE(options.names.empty());
+    EXPECT_EQ("", options.pcapPath);
+
+    ASSERT_TRUE(parse({"monitor", "alpha", "-n", "5", "beta", "-j", "--pcap", "-"})) << error;
+    EXPECT_EQ((std::vector<std::string>{"alpha", "beta"}), options.names);
+    EXPECT_EQ(5, options.count);
+    EXPECT_TRUE(options.json);
+    EXPECT_EQ("-", options.pcapPath);
+
+    ASSERT_TRUE(parse({"monitor", "--pcap=/tmp/x.pcap"})) << error;
+    EXPECT_EQ("/tmp/x.pcap", options.pcapPath);
+}
+
+TEST_F(CliOptionsTest, MonitorRefusesEmptyNamesAndOptionsOfOthers)
+{
+    EXPECT_FALSE(parse({"monitor", ""}));
+    EXPECT_FALSE(parse({"monitor", "--pcap"}));
+    EXPECT_EQ("option --pcap needs a value", error);
+    EXPECT_FALSE(parse({"monitor", "-t", "5"}));
+    EXPECT_EQ("monitor takes no option -t", error);
+    EXPECT_FALSE(parse({"listen", "inbox", "--pcap", "f"}));
+}
+
 }  // namespace

@@ -2,6 +2,7 @@
 // private network namespace: every subcommand end to end, its exit status
 // and its messages.
 #include "ChildProcess.h"
+#include "CliRun.h"
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelVersion.h"
@@ -18,13 +19,12 @@
 #include <memory>
 #include <sstream>
 
-#ifndef COMMSCHANNEL_CLI_PATH
-#error "COMMSCHANNEL_CLI_PATH must name the commschannel program"
-#endif
-
 namespace {
 
-const int RUN_TIMEOUT_MS = 20000;
+using cctest::CliRun;
+using cctest::linesOf;
+using cctest::readDescriptor;
+using cctest::RUN_TIMEOUT_MS;
 
 // A channel held by another process until its parent says anything.
 CC_CHILD_MAIN(channelHolder)
@@ -55,89 +55,6 @@ CC_CHILD_MAIN(echoServer)
         reply.setData(text.data(), static_cast<int>(text.size()));
         server.sendMsg(reply);
     }
-}
-
-// Reads a file through its descriptor without moving the offset that the
-// program writing to it shares with us.
-std::string readDescriptor(int fd)
-{
-    std::string text;
-    char buffer[4096];
-    off_t offset = 0;
-    ssize_t got;
-    while ((got = pread(fd, buffer, sizeof buffer, offset)) > 0) {
-        text.append(buffer, static_cast<std::size_t>(got));
-        offset += got;
-    }
-    return text;
-}
-
-// One run of commschannel with standard input from a string and standard
-// output and error into files. Killed on destruction if still running.
-class CliRun {
-public:
-    explicit CliRun(const std::vector<std::string>& arguments, const std::string& input = std::string())
-        : m_in(std::tmpfile()), m_out(std::tmpfile()), m_err(std::tmpfile()), m_pid(-1)
-    {
-        std::fwrite(input.data(), 1, input.size(), m_in);
-        std::fflush(m_in);
-        std::rewind(m_in);
-        std::vector<std::string> argv{COMMSCHANNEL_CLI_PATH};
-        argv.insert(argv.end(), arguments.begin(), arguments.end());
-        // The child takes descriptors 0, 1 and 2 as they are at the fork.
-        std::fflush(stdout);
-        std::fflush(stderr);
-        const int saved[3] = {dup(0), dup(1), dup(2)};
-        dup2(fileno(m_in), 0);
-        dup2(fileno(m_out), 1);
-        dup2(fileno(m_err), 2);
-        m_pid = cctest::spawnProgram(argv);
-        for (int fd = 0; fd < 3; ++fd) {
-            dup2(saved[fd], fd);
-            close(saved[fd]);
-        }
-    }
-    ~CliRun()
-    {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            cctest::waitForPid(m_pid, 5000);
-        }
-        std::fclose(m_in);
-        std::fclose(m_out);
-        std::fclose(m_err);
-    }
-    CliRun(const CliRun&) = delete;
-    CliRun& operator=(const CliRun&) = delete;
-
-    pid_t pid() const { return m_pid; }
-    void signal(int signalNumber) { kill(m_pid, signalNumber); }
-    // Exit code, 128 + signal, or -1 on time-out (the program is then killed).
-    int wait(int timeoutMs = RUN_TIMEOUT_MS)
-    {
-        const int status = cctest::waitForPid(m_pid, timeoutMs);
-        m_pid = -1;
-        return status;
-    }
-    std::string out() const { return readDescriptor(fileno(m_out)); }
-    std::string err() const { return readDescriptor(fileno(m_err)); }
-
-private:
-    std::FILE* m_in;
-    std::FILE* m_out;
-    std::FILE* m_err;
-    pid_t m_pid;
-};
-
-std::vector<std::string> linesOf(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        lines.push_back(line);
-    }
-    return lines;
 }
 
 std::string commOf(pid_t pid)
@@ -186,7 +103,7 @@ TEST_F(CliProgramTest, ResolverPrintsTheSameVersion)
 
 TEST_F(CliProgramTest, EverySubcommandHasHelp)
 {
-    for (const char* command : {"list", "send", "call", "listen", "wait"}) {
+    for (const char* command : {"list", "send", "call", "listen", "wait", "monitor"}) {
         CliRun sut({command, "--help"});
         EXPECT_EQ(0, run(sut)) << command;
         EXPECT_EQ(0u, sut.out().find(std::string("Usage: commschannel ") + command)) << sut.out();
@@ -194,6 +111,7 @@ TEST_F(CliProgramTest, EverySubcommandHasHelp)
     CliRun overview({"--help"});
     EXPECT_EQ(0, run(overview));
     EXPECT_NE(std::string::npos, overview.out().find("listen NAME")) << overview.out();
+    EXPECT_NE(std::string::npos, overview.out().find("monitor [NAME...]")) << overview.out();
 }
 
 TEST_F(CliProgramTest, UsageErrorsExitTwoWithOneLine)

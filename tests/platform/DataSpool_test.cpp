@@ -7,6 +7,7 @@
 // other tests or the host.
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelMessageCreator.h"
+#include "DataContainerFields.h"
 #include "DataSpool.h"
 
 #include "ChildProcess.h"
@@ -234,6 +235,38 @@ TEST_F(DataSpoolTest, PutDataToFileWritesTheDataToAFileForTheOwnerAndItsGroupNam
     EXPECT_EQ(data, cctest::readFile(spoolPath(files[0])));
     // The message keeps its data in memory all the same.
     EXPECT_EQ(data, sut->getData());
+}
+
+TEST_F(DataSpoolTest, PeekingAnEncodingReadsTheReferenceAndLeavesTheFile)
+{
+    const std::string data = patternData(100000, 7);
+    std::unique_ptr<CommsChannelDataContainerMessage> sut(messageWith(data));
+    sut->setSourceChannel("writer");
+    sut->setRequestId(42);
+    sut->putDataToFile();
+    int length = 0;
+    const char* encoding = sut->encode(&length);
+    ASSERT_NE(nullptr, encoding);
+    const std::vector<std::string> files = cctest::spoolFilesOfThisProcess();
+    ASSERT_EQ(1U, files.size());
+
+    DataContainerFields fields;
+    ASSERT_TRUE(peekDataContainer(encoding, static_cast<std::size_t>(length), &fields));
+    EXPECT_TRUE(fields.inFile);
+    EXPECT_EQ("writer", fields.sourceChannel);
+    EXPECT_EQ(42, fields.requestId);
+    EXPECT_EQ(files[0], fields.fileName);
+    EXPECT_EQ(data.size(), fields.fileLength);
+    EXPECT_EQ(static_cast<std::uint32_t>(geteuid()), fields.fileOwner);
+    EXPECT_EQ(spoolPath(files[0]), dataContainerSpoolPath(fields));
+    EXPECT_TRUE(fields.data.empty());
+    EXPECT_EQ(data, cctest::readFile(spoolPath(files[0])));
+    // The file is still there for the real receiver, which takes it.
+    CommsChannelDataContainerMessage received;
+    ASSERT_EQ(1, received.decode(encoding, static_cast<unsigned int>(length)));
+    EXPECT_EQ(data, received.getData());
+    EXPECT_TRUE(cctest::spoolFilesOfThisProcess().empty());
+    EXPECT_FALSE(peekDataContainer(encoding, static_cast<std::size_t>(length - 1), &fields));
 }
 
 TEST_F(DataSpoolTest, EncodingWithAFileCarriesOnlyTheReference)
