@@ -256,6 +256,7 @@ CC_CHILD_MAIN(peer)
     cctest::childSay("READY " + std::to_string(channels.first() != nullptr ? channels.first()->port() : 0));
     // The receiver thread, once PORTS has found it.
     int receiverThread = 0;
+    int receiverStatusPort = 0;
 
     std::vector<CommsChannelDataContainerMessage> kept;
     std::string line;
@@ -271,8 +272,12 @@ CC_CHILD_MAIN(peer)
         if (command == "PORTS") {
             const int locatorPort = cctest::LocatorProbe::port();
             const int statusPort = cctest::ReceiverProbe::boundPort(cctest::ReceiverProbe::statusSocket(channels.all()));
-            if (receiverThread == 0 || !cctest::ReceiverProbe::threadExists(receiverThread)) {
+            // Looked for again only for a new receiver (a new status
+            // socket): the thread of the same receiver may have ended since,
+            // on a stray datagram, and is then not waited for.
+            if (receiverThread == 0 || statusPort != receiverStatusPort) {
                 receiverThread = cctest::ReceiverProbe::receiverThreadId(systest::PEER_RECEIVE_TIMEOUT_MS);
+                receiverStatusPort = statusPort;
             }
             cctest::childSay("PORTS " + std::to_string(channels.first() != nullptr ? channels.first()->port() : 0) +
                              " " + std::to_string(locatorPort) + " " + std::to_string(statusPort));
