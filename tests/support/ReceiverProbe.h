@@ -100,6 +100,15 @@ public:
         }
         return number;
     }
+    // Under user-mode emulation (the MIPS run under qemu on an x86-64
+    // host) a thread's system call is the host's, with the host's number:
+    // the x86-64 numbers are accepted too. They cannot be mistaken for a
+    // native MIPS call, whose numbers start at 4000.
+    static constexpr long HOST_EPOLL_WAIT = 232;
+    static constexpr long HOST_EPOLL_PWAIT = 281;
+    static constexpr long HOST_POLL = 7;
+    static constexpr long HOST_PPOLL = 271;
+
     static bool waitsInEpoll(int tid)
     {
         const long number = blockedIn(tid);
@@ -108,7 +117,7 @@ public:
             return true;
         }
 #endif
-        return number == SYS_epoll_pwait;
+        return number == SYS_epoll_pwait || number == HOST_EPOLL_WAIT || number == HOST_EPOLL_PWAIT;
     }
     static bool waitsInPoll(int tid)
     {
@@ -118,7 +127,7 @@ public:
             return true;
         }
 #endif
-        return number == SYS_ppoll;
+        return number == SYS_ppoll || number == HOST_POLL || number == HOST_PPOLL;
     }
     // The receiver thread: the one thread waiting in epoll_wait, found once
     // it waits there (0 when none was found in time).
