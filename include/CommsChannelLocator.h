@@ -24,6 +24,7 @@
 #include "Mutex.h"
 #include "ResolverPort.h"
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -119,8 +120,17 @@ private:
     void shutdown();
     bool shuttingDown();
     // Waits for the resolver's first update, unless it came, the link
-    // broke or the locator is shutting down.
+    // broke or the locator is shutting down. After a second without it,
+    // writes one line on standard error (once per process).
     void awaitInitialUpdate();
+    // Waits as awaitInitialUpdate does, until end. False on time-out.
+    bool waitForInitialUpdateUntil(std::chrono::steady_clock::time_point end);
+    // Sends the register-locator message. 1 when sent.
+    int sendLocatorRegistration();
+    // Called by the link's thread every second: while the resolver's first
+    // update is missing, registers the locator and every local channel
+    // again and returns true; else returns false, ending the repeats.
+    bool resendRegistration();
     // The entry's dispatcher with a share of its ownership, from the local
     // map or else the remote map.
     std::shared_ptr<CommsChannelDispatcher> lookUp(const std::string& channelName, bool remoteOnly);
