@@ -58,8 +58,10 @@ public:
     CommsChannelLocator& operator=(const CommsChannelLocator&) = delete;
 
     // Adds a channel of this process under its name and announces it to the
-    // resolver. 0 for a null channel, a name already registered here, or
-    // while the locator shuts down.
+    // resolver, unless the name is too long for the resolver to carry (its
+    // registration row would not fit an update of MAX_PIECE bytes): such a
+    // name is reached from this process only. 0 for a null channel, a name
+    // already registered here, or while the locator shuts down.
     int registerChannel(CommsChannel* channel);
     // Removes the entry of the channel's name (whichever channel holds it)
     // and announces the removal. 1 when an entry was removed. When the local
@@ -68,7 +70,8 @@ public:
 
     // The dispatcher for a destination name: this process's channel first,
     // then a name learnt from the resolver, else the resolver is asked and
-    // the caller blocks until it answers. Unknown names get one shared null
+    // the caller blocks until it answers. Unknown names, and names too long
+    // for the resolver that this process does not hold, get one shared null
     // dispatcher. Null while the locator shuts down. A process's first
     // resolutions wait for the resolver's first update, at most
     // INITIAL_UPDATE_TIMEOUT ms; that update lets every one of them go on.

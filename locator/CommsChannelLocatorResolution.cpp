@@ -17,6 +17,19 @@ const std::shared_ptr<CommsChannelDispatcher>& sharedNullDispatcher()
     return share;
 }
 
+// True when the resolver can carry the name: its registration row fits an
+// update of MAX_PIECE bytes, the largest the resolver accepts from a locator
+// and sends. A longer name stays this process's own. Sending it would be no
+// use (the resolver ignores such a row), and past the largest datagram the
+// send would fail and break the link for every other name.
+bool resolverCarries(const std::string& name)
+{
+    CommsChannelLocatorUpdateMessage update;
+    update.addChannelEntry(CommsChannelLocatorUpdateMessage::CHANNEL_ADDED, name, 0);
+    int length = 0;
+    return update.encode(&length) != nullptr && length <= CCInterProcDispatcher::MAX_PIECE;
+}
+
 }  // namespace
 
 int CommsChannelLocator::registerChannel(CommsChannel* channel)
@@ -67,6 +80,9 @@ int CommsChannelLocator::unregisterChannel(CommsChannel* channel)
 
 int CommsChannelLocator::sendChannelRegistration(CommsChannelLocatorEntry* entry)
 {
+    if (!resolverCarries(entry->channelName())) {
+        return 0;
+    }
     CommsChannelLocatorUpdateMessage update;
     update.addChannelEntry(CommsChannelLocatorUpdateMessage::CHANNEL_ADDED, entry->channelName(), entry->port());
     return send(update);
@@ -74,7 +90,7 @@ int CommsChannelLocator::sendChannelRegistration(CommsChannelLocatorEntry* entry
 
 int CommsChannelLocator::sendChannelUnregistration(CommsChannelLocatorEntry* entry)
 {
-    if (entry == nullptr) {
+    if (entry == nullptr || !resolverCarries(entry->channelName())) {
         return 0;
     }
     CommsChannelLocatorUpdateMessage update;
@@ -145,6 +161,9 @@ std::shared_ptr<CommsChannelDispatcher> CommsChannelLocator::acquireDispatcher(c
     std::shared_ptr<CommsChannelDispatcher> dispatcher = lookUp(channelName, false);
     if (dispatcher) {
         return dispatcher;
+    }
+    if (!resolverCarries(channelName)) {
+        return sharedNullDispatcher();
     }
     bool cancelled = false;
     if (requestPort(channelName, &cancelled) == 1) {
