@@ -7,6 +7,9 @@
 #include "CommsChannelLocatorUpdateMessage.h"
 #include "CommsChannelPortRequestMessage.h"
 
+#include <cerrno>
+#include <cstdio>
+
 namespace {
 
 // One null dispatcher serves every unresolved name for the life of the
@@ -47,6 +50,13 @@ int CommsChannelLocator::registerChannel(CommsChannel* channel)
     entry->setChannelHandle(channel);
     entry->setDispatcher(new CCIntraProcDispatcher(channel));
     m_localMap.insert(std::make_pair(entry->channelName(), entry));
+    if (!resolverCarries(entry->channelName())) {
+        // Reported as the failed send it would have been, once, but without
+        // sending: the link stays whole for the process's other names.
+        errno = EMSGSIZE;
+        perror("CommsChannelLocator::send(CommsChannelMessage& message) sendto");
+        return 1;
+    }
     sendChannelRegistration(entry);
     return 1;
 }
