@@ -31,6 +31,9 @@ long freshRequestId()
 
 int runCall(const CliOptions& options)
 {
+    if (!nameFitsResolver(COMMAND_CALL, options.name)) {
+        return EXIT_USAGE;
+    }
     std::string data;
     if (!readData(options, &data)) {
         return fail(COMMAND_CALL, "cannot read DATA from standard input");

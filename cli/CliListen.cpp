@@ -6,10 +6,16 @@
 // helper thread in sigwait(). That thread only calls shutdown() on the
 // channel, which wakes the blocked receive; the main thread then leaves the
 // loop and destroys the channel the normal way, unregistering its name.
+//
+// A name that another process holds is taken over (the latest registration
+// wins) and said so on standard error; the resolver gives it back to that
+// process when the listener withdraws it.
 #include "CliCommands.h"
 #include "CliSupport.h"
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
+#include "ProcSocketOwners.h"
+#include "ResolverClient.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -42,13 +48,33 @@ bool printMessage(const CliOptions& options, CommsChannelDataContainerMessage& m
     return std::fwrite(line.data(), 1, line.size(), stdout) == line.size() && std::fflush(stdout) == 0;
 }
 
+// Warns when another process holds the name: listening takes it over.
+void warnOfTakeover(const std::string& name)
+{
+    const int port = resolver::queryPort(COMMSCHANNEL_RESOLVER_PORT, name, RESOLVER_ANSWER_TIMEOUT_MS);
+    if (port <= 0) {
+        return;
+    }
+    const int pid = resolver::findPortOwner(port);
+    const std::string holder =
+        pid > 0 ? "pid " + std::to_string(pid) + " (" + resolver::processName(pid) + ")" : std::string("a process");
+    std::fprintf(stderr,
+                 "commschannel listen: warning: \"%s\" is registered by %s at port %d; listening takes the name "
+                 "over until this listener ends, then the resolver gives it back\n",
+                 escapeBytes(name).c_str(), holder.c_str(), port);
+}
+
 }  // namespace
 
 int runListen(const CliOptions& options)
 {
+    if (!nameFitsResolver(COMMAND_LISTEN, options.name)) {
+        return EXIT_USAGE;
+    }
     if (!resolverKnows(COMMAND_LISTEN, std::string())) {
         return EXIT_FAILED;
     }
+    warnOfTakeover(options.name);
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);

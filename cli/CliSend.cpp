@@ -9,6 +9,9 @@ namespace cli {
 
 int runSend(const CliOptions& options)
 {
+    if (!nameFitsResolver(COMMAND_SEND, options.name)) {
+        return EXIT_USAGE;
+    }
     std::string data;
     if (!readData(options, &data)) {
         return fail(COMMAND_SEND, "cannot read DATA from standard input");

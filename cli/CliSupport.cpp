@@ -3,6 +3,7 @@
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "ResolverClient.h"
+#include "ResolverUpdates.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -37,6 +38,17 @@ bool resolverKnows(Command command, const std::string& name)
         return false;
     }
     return true;
+}
+
+bool nameFitsResolver(Command command, const std::string& name)
+{
+    const std::size_t longest = resolver::longestName();
+    if (name.size() <= longest) {
+        return true;
+    }
+    fail(command, "name too long: " + std::to_string(name.size()) + " bytes; the resolver carries names of at most " +
+                      std::to_string(longest) + " bytes");
+    return false;
 }
 
 std::string temporaryChannelName(Command command)

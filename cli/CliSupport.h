@@ -31,6 +31,12 @@ int fail(Command command, const std::string& text);
 // false.
 bool resolverKnows(Command command, const std::string& name);
 
+// True when the resolver can carry name (see resolver::longestName());
+// otherwise prints "name too long" with the limit and returns false. A
+// longer name could never be registered, nor asked about: its datagram
+// would not fit.
+bool nameFitsResolver(Command command, const std::string& name);
+
 // A channel name that no other process uses: the command, the pid and a
 // counter.
 std::string temporaryChannelName(Command command);

@@ -9,6 +9,9 @@ namespace cli {
 
 int runWait(const CliOptions& options)
 {
+    if (!nameFitsResolver(COMMAND_WAIT, options.name)) {
+        return EXIT_USAGE;
+    }
     bool found = false;
     if (options.timeoutMs == 0) {
         found = resolver::queryPort(COMMSCHANNEL_RESOLVER_PORT, options.name, RESOLVER_ANSWER_TIMEOUT_MS) > 0;

@@ -24,6 +24,7 @@
 #include "Mutex.h"
 #include "ResolverPort.h"
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -57,8 +58,10 @@ public:
     CommsChannelLocator& operator=(const CommsChannelLocator&) = delete;
 
     // Adds a channel of this process under its name and announces it to the
-    // resolver. 0 for a null channel, a name already registered here, or
-    // while the locator shuts down.
+    // resolver, unless the name is too long for the resolver to carry (its
+    // registration row would not fit an update of MAX_PIECE bytes): such a
+    // name is reached from this process only. 0 for a null channel, a name
+    // already registered here, or while the locator shuts down.
     int registerChannel(CommsChannel* channel);
     // Removes the entry of the channel's name (whichever channel holds it)
     // and announces the removal. 1 when an entry was removed. When the local
@@ -67,7 +70,8 @@ public:
 
     // The dispatcher for a destination name: this process's channel first,
     // then a name learnt from the resolver, else the resolver is asked and
-    // the caller blocks until it answers. Unknown names get one shared null
+    // the caller blocks until it answers. Unknown names, and names too long
+    // for the resolver that this process does not hold, get one shared null
     // dispatcher. Null while the locator shuts down. A process's first
     // resolutions wait for the resolver's first update, at most
     // INITIAL_UPDATE_TIMEOUT ms; that update lets every one of them go on.
@@ -119,8 +123,17 @@ private:
     void shutdown();
     bool shuttingDown();
     // Waits for the resolver's first update, unless it came, the link
-    // broke or the locator is shutting down.
+    // broke or the locator is shutting down. After a second without it,
+    // writes one line on standard error (once per process).
     void awaitInitialUpdate();
+    // Waits as awaitInitialUpdate does, until end. False on time-out.
+    bool waitForInitialUpdateUntil(std::chrono::steady_clock::time_point end);
+    // Sends the register-locator message. 1 when sent.
+    int sendLocatorRegistration();
+    // Called by the link's thread every second: while the resolver's first
+    // update is missing, registers the locator and every local channel
+    // again and returns true; else returns false, ending the repeats.
+    bool resendRegistration();
     // The entry's dispatcher with a share of its ownership, from the local
     // map or else the remote map.
     std::shared_ptr<CommsChannelDispatcher> lookUp(const std::string& channelName, bool remoteOnly);

@@ -10,17 +10,69 @@
 #include "LocatorLink.h"
 #include "LocatorProtocol.h"
 
+#include <atomic>
 #include <chrono>
+#include <cstdio>
+
+namespace {
+
+// How long a resolution waits for the resolver before it says so.
+const int SILENT_RESOLVER_WARNING_MS = 1000;
+
+// One line per process, however many locators come and go: a missing
+// resolver is one fact about the host, not one per channel.
+void warnSilentResolverOnce()
+{
+    static std::atomic<bool> warned(false);
+    if (!warned.exchange(true)) {
+        std::fprintf(stderr,
+                     "CommsChannel: no resolver has answered on 127.0.0.1:%d for %d s; is commschannel-resolver "
+                     "running?\n",
+                     COMMSCHANNEL_RESOLVER_PORT, SILENT_RESOLVER_WARNING_MS / 1000);
+    }
+}
+
+}  // namespace
 
 CommsChannelLocator::CommsChannelLocator()
     : m_requestId(0), m_initialUpdateReceived(false), m_linkBroken(false), m_shuttingDown(false), m_ended(false),
       m_plink(nullptr)
 {
-    m_plink = new LocatorLink([this](CommsChannelMessage& message) { applyMessage(message); });
-    // Sent into the void when no resolver listens; UDP does not mind.
+    m_plink = new LocatorLink([this](CommsChannelMessage& message) { applyMessage(message); },
+                              [this]() { return resendRegistration(); });
+    // Sent into the void when no resolver listens; UDP does not mind. The
+    // link's thread repeats it until the resolver answers.
+    sendLocatorRegistration();
+}
+
+int CommsChannelLocator::sendLocatorRegistration()
+{
     CommsChannelRegisterLocatorMessage registration;
     registration.setPort(m_plink->port());
-    send(registration);
+    return send(registration);
+}
+
+bool CommsChannelLocator::resendRegistration()
+{
+    // The map lock is held throughout, so that the shutdown's withdrawal,
+    // sent under it too, never goes out before a registration repeated here.
+    ScopedLock hold(m_mapLock);
+    {
+        ScopedLock state(m_stateLock);
+        if (m_initialUpdateReceived || m_linkBroken || m_shuttingDown) {
+            return false;
+        }
+    }
+    // No resolver has answered yet: perhaps none ran when this process
+    // started. Once one starts, this registration and the channel rows make
+    // it learn every name of this process, and its answer ends the repeats.
+    if (sendLocatorRegistration() != 1) {
+        return false;
+    }
+    for (EntryMap::value_type& local : m_localMap) {
+        sendChannelRegistration(local.second);
+    }
+    return true;
 }
 
 CommsChannelLocator::~CommsChannelLocator()
@@ -40,11 +92,13 @@ void CommsChannelLocator::shutdown()
     }
     // From now on the thread applies nothing, and every operation refuses.
     m_initialUpdate.broadcast();
-    CommsChannelUnregisterLocatorMessage unregistration;
-    unregistration.setPort(m_plink->port());
-    send(unregistration);
     {
+        // Under the map lock, so that a registration repeated by the link's
+        // thread either goes out before this withdrawal or not at all.
         ScopedLock hold(m_mapLock);
+        CommsChannelUnregisterLocatorMessage unregistration;
+        unregistration.setPort(m_plink->port());
+        send(unregistration);
         for (EntryMap::value_type& local : m_localMap) {
             sendChannelUnregistration(local.second);
         }
@@ -154,17 +208,28 @@ void CommsChannelLocator::processChannelPortResponse(CommsChannelPortResponseMes
 
 void CommsChannelLocator::awaitInitialUpdate()
 {
-    ScopedLock hold(m_stateLock);
     // The resolver answers a new locator with an update at once; without a
-    // resolver this bounds the wait.
-    const std::chrono::steady_clock::time_point end =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(INITIAL_UPDATE_TIMEOUT);
+    // resolver INITIAL_UPDATE_TIMEOUT bounds the wait. A wait that lasts
+    // says so on standard error, since a missing resolver is otherwise
+    // silent: the sends that follow merely fail.
+    const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    if (waitForInitialUpdateUntil(start + std::chrono::milliseconds(SILENT_RESOLVER_WARNING_MS))) {
+        return;
+    }
+    warnSilentResolverOnce();
+    waitForInitialUpdateUntil(start + std::chrono::milliseconds(INITIAL_UPDATE_TIMEOUT));
+}
+
+bool CommsChannelLocator::waitForInitialUpdateUntil(std::chrono::steady_clock::time_point end)
+{
+    ScopedLock hold(m_stateLock);
     while (!m_initialUpdateReceived && !m_linkBroken && !m_shuttingDown) {
         const long long left =
             std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
         if (left <= 0) {
-            return;
+            return false;
         }
         m_initialUpdate.waitFor(m_stateLock, static_cast<int>(left));
     }
+    return true;
 }

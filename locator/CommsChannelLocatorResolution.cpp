@@ -7,6 +7,9 @@
 #include "CommsChannelLocatorUpdateMessage.h"
 #include "CommsChannelPortRequestMessage.h"
 
+#include <cerrno>
+#include <cstdio>
+
 namespace {
 
 // One null dispatcher serves every unresolved name for the life of the
@@ -15,6 +18,19 @@ const std::shared_ptr<CommsChannelDispatcher>& sharedNullDispatcher()
 {
     static const std::shared_ptr<CommsChannelDispatcher> share(new CCNullDispatcher(), [](CommsChannelDispatcher*) {});
     return share;
+}
+
+// True when the resolver can carry the name: its registration row fits an
+// update of MAX_PIECE bytes, the largest the resolver accepts from a locator
+// and sends. A longer name stays this process's own. Sending it would be no
+// use (the resolver ignores such a row), and past the largest datagram the
+// send would fail and break the link for every other name.
+bool resolverCarries(const std::string& name)
+{
+    CommsChannelLocatorUpdateMessage update;
+    update.addChannelEntry(CommsChannelLocatorUpdateMessage::CHANNEL_ADDED, name, 0);
+    int length = 0;
+    return update.encode(&length) != nullptr && length <= CCInterProcDispatcher::MAX_PIECE;
 }
 
 }  // namespace
@@ -34,6 +50,13 @@ int CommsChannelLocator::registerChannel(CommsChannel* channel)
     entry->setChannelHandle(channel);
     entry->setDispatcher(new CCIntraProcDispatcher(channel));
     m_localMap.insert(std::make_pair(entry->channelName(), entry));
+    if (!resolverCarries(entry->channelName())) {
+        // Reported as the failed send it would have been, once, but without
+        // sending: the link stays whole for the process's other names.
+        errno = EMSGSIZE;
+        perror("CommsChannelLocator::send(CommsChannelMessage& message) sendto");
+        return 1;
+    }
     sendChannelRegistration(entry);
     return 1;
 }
@@ -67,6 +90,9 @@ int CommsChannelLocator::unregisterChannel(CommsChannel* channel)
 
 int CommsChannelLocator::sendChannelRegistration(CommsChannelLocatorEntry* entry)
 {
+    if (!resolverCarries(entry->channelName())) {
+        return 0;
+    }
     CommsChannelLocatorUpdateMessage update;
     update.addChannelEntry(CommsChannelLocatorUpdateMessage::CHANNEL_ADDED, entry->channelName(), entry->port());
     return send(update);
@@ -74,7 +100,7 @@ int CommsChannelLocator::sendChannelRegistration(CommsChannelLocatorEntry* entry
 
 int CommsChannelLocator::sendChannelUnregistration(CommsChannelLocatorEntry* entry)
 {
-    if (entry == nullptr) {
+    if (entry == nullptr || !resolverCarries(entry->channelName())) {
         return 0;
     }
     CommsChannelLocatorUpdateMessage update;
@@ -145,6 +171,9 @@ std::shared_ptr<CommsChannelDispatcher> CommsChannelLocator::acquireDispatcher(c
     std::shared_ptr<CommsChannelDispatcher> dispatcher = lookUp(channelName, false);
     if (dispatcher) {
         return dispatcher;
+    }
+    if (!resolverCarries(channelName)) {
+        return sharedNullDispatcher();
     }
     bool cancelled = false;
     if (requestPort(channelName, &cancelled) == 1) {

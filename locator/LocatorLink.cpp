@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -32,10 +33,17 @@ const char* failedStepText(SocketStep step)
     }
 }
 
+long long monotonicMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
 }  // namespace
 
-LocatorLink::LocatorLink(Handler handler)
-    : m_handler(std::move(handler)), m_opened(false), m_port(0), m_wakeFd(eventfd(0, EFD_CLOEXEC)), m_broken(false),
+LocatorLink::LocatorLink(Handler handler, Tick tick)
+    : m_handler(std::move(handler)), m_tick(std::move(tick)), m_ticking(static_cast<bool>(m_tick)),
+      m_nextTickMs(monotonicMs() + TICK_INTERVAL_MS), m_opened(false), m_port(0), m_wakeFd(eventfd(0, EFD_CLOEXEC)), m_broken(false),
       m_stopping(false), m_joined(false), m_threadId(0)
 {
     SocketStep failed = SocketStep::None;
@@ -154,7 +162,7 @@ void LocatorLink::readLoop()
         watched[1].fd = m_wakeFd;
         watched[1].events = POLLIN;
         watched[1].revents = 0;
-        if (poll(watched, 2, -1) < 0) {
+        if (poll(watched, 2, tickTimeout()) <= 0) {
             continue;
         }
         if (watched[1].revents & POLLIN) {
@@ -168,6 +176,23 @@ void LocatorLink::readLoop()
             readOneDatagram(fd);
         }
     }
+}
+
+int LocatorLink::tickTimeout()
+{
+    if (!m_ticking) {
+        return -1;
+    }
+    long long now = monotonicMs();
+    if (now >= m_nextTickMs) {
+        m_ticking = m_tick();
+        now = monotonicMs();
+        m_nextTickMs = now + TICK_INTERVAL_MS;
+        if (!m_ticking) {
+            return -1;
+        }
+    }
+    return static_cast<int>(m_nextTickMs - now);
 }
 
 void LocatorLink::readOneDatagram(int fd)

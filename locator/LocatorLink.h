@@ -7,9 +7,14 @@
 // breaks the link for good: later sends fail at once without touching the
 // socket, and the thread closes it and waits only to be stopped.
 //
+// Until a tick callback declines, the thread also calls it once a second
+// (its poll times out then; nothing sleeps). The locator uses this to repeat
+// its registration while no resolver has answered yet: the link itself only
+// moves bytes and never decides what to send.
+//
 // Thread safety: send, wake, broken and stop may be called from any thread;
 // m_lock is held around every use of the socket by a sender and never while
-// the handler runs.
+// the handler or the tick callback runs.
 #ifndef COMMSCHANNEL_LOCATOR_LINK_H
 #define COMMSCHANNEL_LOCATOR_LINK_H
 
@@ -23,10 +28,16 @@ class CommsChannelMessage;
 class LocatorLink {
 public:
     typedef std::function<void(CommsChannelMessage&)> Handler;
+    // Called on the link's thread every TICK_INTERVAL_MS; returns true to be
+    // called again, false never to be called again.
+    typedef std::function<bool()> Tick;
+
+    static constexpr int TICK_INTERVAL_MS = 1000;
 
     // Opens the socket (reporting a failed step with perror) and starts the
-    // thread, which calls handler for each message the resolver sends.
-    explicit LocatorLink(Handler handler);
+    // thread, which calls handler for each message the resolver sends, and
+    // tick (when given) every TICK_INTERVAL_MS until it returns false.
+    explicit LocatorLink(Handler handler, Tick tick = Tick());
     // Stops and joins the thread if stop() was not called.
     ~LocatorLink();
     LocatorLink(const LocatorLink&) = delete;
@@ -51,8 +62,14 @@ private:
     int socketToWatch();
     void readOneDatagram(int fd);
     void wakeThread();
+    // The poll time-out until the next tick: -1 when ticks have ended.
+    // Calls the tick when it is due. Link thread only.
+    int tickTimeout();
 
     const Handler m_handler;
+    const Tick m_tick;
+    bool m_ticking;                // link thread only
+    long long m_nextTickMs;        // link thread only, monotonic
     Mutex m_lock;
     LoopbackSocket m_socket;  // guarded by m_lock
     bool m_opened;

@@ -71,6 +71,18 @@ std::string nameList(const std::vector<UpdateRow>& rows)
     return text;
 }
 
+// The removal rows among rows (which may hold names given back too).
+std::vector<UpdateRow> removalsIn(const std::vector<UpdateRow>& rows)
+{
+    std::vector<UpdateRow> removals;
+    for (std::vector<UpdateRow>::const_iterator it = rows.begin(); it != rows.end(); ++it) {
+        if (it->type != ADDED) {
+            removals.push_back(*it);
+        }
+    }
+    return removals;
+}
+
 std::string formatProcess(const ProcessIdentity& process)
 {
     return "pid " + std::to_string(process.pid) + (process.name.empty() ? "" : " (" + process.name + ")");
@@ -226,9 +238,9 @@ std::vector<Outgoing> Resolver::handleUnregister(int sourcePort)
     std::vector<UpdateRow> removed;
     removeOwnedBy(sourcePort, &removed);
     if (log::enabled(log::LEVEL_INFO)) {
+        const std::vector<UpdateRow> gone = removalsIn(removed);
         log::write(log::LEVEL_INFO, "%s unregistered its locator; withdrew %zu channel(s)%s%s",
-                   describe(sourcePort).c_str(), removed.size(), removed.empty() ? "" : ": ",
-                   nameList(removed).c_str());
+                   describe(sourcePort).c_str(), gone.size(), gone.empty() ? "" : ": ", nameList(gone).c_str());
     }
     forgetLocator(sourcePort);
     return toAllLocators(removed);
@@ -252,9 +264,9 @@ std::vector<Outgoing> Resolver::handleUpdate(const CommsChannelLocatorUpdateMess
             continue;
         }
         UpdateRow row{};
-        const bool taken = type == ADDED ? applyRegistration(name, port, sourcePort, &row)
-                                         : applyRemoval(name, sourcePort, &row);
-        if (taken) {
+        if (type != ADDED) {
+            applyRemoval(name, sourcePort, &applied);
+        } else if (applyRegistration(name, port, sourcePort, &row)) {
             applied.push_back(row);
         }
     }
@@ -276,6 +288,10 @@ bool Resolver::applyRegistration(const std::string& name, int port, int sourcePo
         log::write(log::LEVEL_NOTICE, "%s taken over by %s at port %d from %s at port %d",
                    log::quoted(name).c_str(), describe(sourcePort).c_str(), port, describe(previousOwner).c_str(),
                    previousPort);
+        // Kept, so that the name is not lost when the newcomer (often a
+        // short-lived listener) withdraws it while the old owner runs on.
+        m_takeovers.forget(name, sourcePort);
+        m_takeovers.remember(name, *previous);
     } else if (log::enabled(log::LEVEL_INFO)) {
         log::write(log::LEVEL_INFO, "%s registered %s at port %d", describe(sourcePort).c_str(),
                    log::quoted(name).c_str(), port);
@@ -287,15 +303,18 @@ bool Resolver::applyRegistration(const std::string& name, int port, int sourcePo
     return true;
 }
 
-bool Resolver::applyRemoval(const std::string& name, int sourcePort, UpdateRow* applied)
+void Resolver::applyRemoval(const std::string& name, int sourcePort, std::vector<UpdateRow>* applied)
 {
+    // A registration of this sender's that a takeover replaced is not to
+    // be given back any more: it has withdrawn the name itself.
+    m_takeovers.forget(name, sourcePort);
     const ChannelRecord* record = m_table.find(name);
     if (record == nullptr) {
         if (log::enabled(log::LEVEL_INFO)) {
             log::write(log::LEVEL_INFO, "%s withdrew %s, which was not registered; nothing to do",
                        describe(sourcePort).c_str(), log::quoted(name).c_str());
         }
-        return false;
+        return;
     }
     if (record->ownerPort != sourcePort) {
         // A later registration of the name by another process replaced
@@ -305,15 +324,29 @@ bool Resolver::applyRemoval(const std::string& name, int sourcePort, UpdateRow* 
             log::write(log::LEVEL_INFO, "%s withdrew %s, which %s owns now; ignored", describe(sourcePort).c_str(),
                        log::quoted(name).c_str(), describe(owner).c_str());
         }
-        return false;
+        return;
     }
-    *applied = UpdateRow{REMOVED, name, record->port};
+    applied->push_back(UpdateRow{REMOVED, name, record->port});
     m_table.removeChannel(name);
     m_changed = true;
     if (log::enabled(log::LEVEL_INFO)) {
         log::write(log::LEVEL_INFO, "%s withdrew %s", describe(sourcePort).c_str(), log::quoted(name).c_str());
     }
-    return true;
+    giveBack(name, sourcePort, applied);
+}
+
+void Resolver::giveBack(const std::string& name, int withdrawnBy, std::vector<UpdateRow>* rows)
+{
+    ChannelRecord earlier{0, 0};
+    if (!m_takeovers.takeBack(name, &earlier)) {
+        return;
+    }
+    log::write(log::LEVEL_NOTICE, "%s given back to %s at port %d, which %s had taken it from",
+               log::quoted(name).c_str(), describe(earlier.ownerPort).c_str(), earlier.port,
+               describe(withdrawnBy).c_str());
+    m_table.addChannel(name, earlier.port, earlier.ownerPort);
+    m_changed = true;
+    rows->push_back(UpdateRow{ADDED, name, earlier.port});
 }
 
 std::vector<Outgoing> Resolver::handlePortRequest(CommsChannelPortRequestMessage& request, int sourcePort)
@@ -338,15 +371,18 @@ std::vector<Outgoing> Resolver::handlePortRequest(CommsChannelPortRequestMessage
 
 std::vector<Outgoing> Resolver::withdrawDead(const std::set<int>& boundPorts)
 {
+    // First, so that nothing is given back to a process that is gone.
+    m_takeovers.keepBound(boundPorts);
     std::vector<UpdateRow> removed;
     const std::set<int> locators = m_table.locators();
     for (std::set<int>::const_iterator it = locators.begin(); it != locators.end(); ++it) {
         if (boundPorts.count(*it) == 0) {
             std::vector<UpdateRow> names;
             removeOwnedBy(*it, &names);
-            if (!names.empty()) {
+            const std::vector<UpdateRow> gone = removalsIn(names);
+            if (!gone.empty()) {
                 log::write(log::LEVEL_NOTICE, "%s is gone; withdrew %zu name(s): %s", describe(*it).c_str(),
-                           names.size(), nameList(names).c_str());
+                           gone.size(), nameList(gone).c_str());
             } else if (log::enabled(log::LEVEL_INFO)) {
                 log::write(log::LEVEL_INFO, "%s is gone; it had no names", describe(*it).c_str());
             }
@@ -364,6 +400,7 @@ std::vector<Outgoing> Resolver::withdrawDead(const std::set<int>& boundPorts)
             removed.push_back(UpdateRow{REMOVED, it->first, it->second.port});
             m_table.removeChannel(it->first);
             m_changed = true;
+            giveBack(it->first, it->second.ownerPort, &removed);
         }
     }
     return toAllLocators(removed);
@@ -372,6 +409,7 @@ std::vector<Outgoing> Resolver::withdrawDead(const std::set<int>& boundPorts)
 std::vector<Outgoing> Resolver::restore(const ResolverTable& saved, const std::set<int>& boundPorts)
 {
     m_table = saved;
+    m_takeovers.clear();
     m_changed = true;
     m_processes.clear();
     // The processes still running are looked up now; those that died while
@@ -390,11 +428,13 @@ std::vector<Outgoing> Resolver::restore(const ResolverTable& saved, const std::s
 
 void Resolver::removeOwnedBy(int ownerPort, std::vector<UpdateRow>* removed)
 {
+    m_takeovers.forgetOwner(ownerPort);
     const std::vector<std::string> names = m_table.channelsOwnedBy(ownerPort);
     for (std::vector<std::string>::const_iterator it = names.begin(); it != names.end(); ++it) {
         removed->push_back(UpdateRow{REMOVED, *it, m_table.portOf(*it)});
         m_table.removeChannel(*it);
         m_changed = true;
+        giveBack(*it, ownerPort, removed);
     }
 }
 

@@ -10,7 +10,11 @@
 //                       (no rows when there is none)
 //   locator update      apply each row (0 added, anything else removed; a
 //                       removal counts only from the name's owner) and pass
-//                       the applied rows on to every registered locator
+//                       the applied rows on to every registered locator.
+//                       A registration that takes a name over from another
+//                       process keeps the one it replaced; when the new
+//                       owner withdraws the name, it goes back to the
+//                       earlier owner if that one's sockets are still bound
 //   port request        always answer the sender with a port response: the
 //                       same name and request id, the port or 0
 //   unregister locator  forget the sender and the channels it owns, and
@@ -40,6 +44,7 @@
 #include "RateLimiter.h"
 #include "ResolverClock.h"
 #include "ResolverTable.h"
+#include "ResolverTakeovers.h"
 #include "ResolverUpdates.h"
 
 #include <cstddef>
@@ -119,10 +124,17 @@ private:
     // One row of an update from the locator at sourcePort. Each returns
     // true, with the row to pass on in *applied, when the table took it.
     bool applyRegistration(const std::string& name, int port, int sourcePort, UpdateRow* applied);
-    bool applyRemoval(const std::string& name, int sourcePort, UpdateRow* applied);
+    // Appends the rows to pass on: the removal, and the registration given
+    // back to an earlier owner if one is kept.
+    void applyRemoval(const std::string& name, int sourcePort, std::vector<UpdateRow>* applied);
 
-    // Removes the channels owned by ownerPort; appends removal rows.
+    // Removes the channels owned by ownerPort; appends removal rows (and
+    // the registrations given back, see giveBack).
     void removeOwnedBy(int ownerPort, std::vector<UpdateRow>* removed);
+    // Once name has been removed from the table: gives it back to the
+    // registration that the withdrawing owner (at withdrawnBy) had taken it
+    // from, if one is kept, and appends that row.
+    void giveBack(const std::string& name, int withdrawnBy, std::vector<UpdateRow>* rows);
     // The rows as updates, addressed to every registered locator.
     std::vector<Outgoing> toAllLocators(const std::vector<UpdateRow>& rows) const;
     // Logs a datagram that was not handled, at most once a second.
@@ -133,6 +145,7 @@ private:
     void forgetLocator(int port);
 
     ResolverTable m_table;
+    ResolverTakeovers m_takeovers;  // registrations replaced by a takeover
     bool m_changed;
     MillisecondClock m_clock;
     RateLimiter m_droppedLog;

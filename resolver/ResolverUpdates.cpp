@@ -84,4 +84,12 @@ bool rowFits(const std::string& name, std::size_t maxBytes)
     return size != 0 && emptySize + size <= maxBytes;
 }
 
+std::size_t longestName(std::size_t maxBytes)
+{
+    // A name adds its own length to a row and nothing else, so the longest
+    // is what a row with an empty name leaves of maxBytes.
+    const std::size_t emptyRowUpdate = emptyUpdateSize() + rowSize(UpdateRow{0, std::string(), 0}, emptyUpdateSize());
+    return emptyRowUpdate < maxBytes ? maxBytes - emptyRowUpdate : 0;
+}
+
 }  // namespace resolver

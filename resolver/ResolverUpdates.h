@@ -38,6 +38,11 @@ std::vector<Encoding> encodeUpdates(const std::vector<UpdateRow>& rows, std::siz
 // True when an update holding only a row with this name fits maxBytes.
 bool rowFits(const std::string& name, std::size_t maxBytes = MAX_UPDATE_BYTES);
 
+// The longest name (in bytes) for which rowFits() holds: the longest name a
+// process can register, and so the longest the resolver ever answers for.
+// Port requests and answers with such a name are smaller than its update.
+std::size_t longestName(std::size_t maxBytes = MAX_UPDATE_BYTES);
+
 }  // namespace resolver
 
 #endif

@@ -322,6 +322,66 @@ TEST_F(CliProgramTest, ListenStopsOnSigtermAndWithdrawsItsName)
     EXPECT_EQ(0, resolver::queryPort(5000, "inbox", 2000));
 }
 
+TEST_F(CliProgramTest, ListenOnALiveNameWarnsAndTheOwnerIsReachableAgainAfterIt)
+{
+    startResolver();
+    cctest::ChildProcess server("echoServer", {"server"});
+    ASSERT_TRUE(server.waitForLine("READY", RUN_TIMEOUT_MS));
+    ASSERT_TRUE(registered("server"));
+    const int ownerPort = resolver::queryPort(5000, "server", 2000);
+
+    CliRun listener({"listen", "server"});
+    ASSERT_TRUE(cctest::waitUntil([&] { return resolver::queryPort(5000, "server", 2000) != ownerPort; },
+                                  RUN_TIMEOUT_MS));
+    EXPECT_EQ("commschannel listen: warning: \"server\" is registered by pid " + std::to_string(server.pid()) + " (" +
+                  commOf(server.pid()) + ") at port " + std::to_string(ownerPort) +
+                  "; listening takes the name over until this listener ends, then the resolver gives it back\n",
+              listener.err());
+    listener.signal(SIGTERM);
+    ASSERT_EQ(0, listener.wait());
+
+    ASSERT_TRUE(cctest::waitUntil([&] { return resolver::queryPort(5000, "server", 2000) == ownerPort; },
+                                  RUN_TIMEOUT_MS));
+    CliRun call({"call", "server", "still there?"});
+    ASSERT_EQ(0, run(call)) << call.err();
+    EXPECT_EQ("re: still there?\n", call.out());
+}
+
+TEST_F(CliProgramTest, ListenOnAFreeNameDoesNotWarn)
+{
+    startResolver();
+    CliRun sut({"listen", "inbox"});
+    ASSERT_TRUE(registered("inbox"));
+    sut.signal(SIGTERM);
+    EXPECT_EQ(0, sut.wait());
+    EXPECT_EQ("", sut.err());
+}
+
+TEST_F(CliProgramTest, NamesTheResolverCannotCarryAreRefusedAsTooLongWithTheLimit)
+{
+    startResolver();
+    const std::string longName(70000, 'n');
+    const std::string expected = ": name too long: 70000 bytes; the resolver carries names of at most 59972 bytes\n";
+    for (const char* command : {"send", "call", "listen", "wait"}) {
+        std::vector<std::string> arguments{command, longName};
+        if (std::string(command) == "send" || std::string(command) == "call") {
+            arguments.push_back("data");
+        }
+        CliRun sut(arguments);
+        EXPECT_EQ(2, run(sut)) << command;
+        EXPECT_EQ(std::string("commschannel ") + command + expected, sut.err());
+        EXPECT_EQ("", sut.out());
+    }
+}
+
+TEST_F(CliProgramTest, LongestNameTheResolverCarriesIsNotTooLong)
+{
+    startResolver();
+    CliRun sut({"send", std::string(59972, 'n'), "data"});
+    EXPECT_EQ(1, run(sut));
+    EXPECT_NE(std::string::npos, sut.err().find("no channel named")) << sut.err().substr(0, 200);
+}
+
 TEST_F(CliProgramTest, WaitReturnsAtOnceForAKnownName)
 {
     startResolver();

@@ -514,4 +514,28 @@ TEST_F(CommsChannelLocatorResolutionTest, RequesterBlockedOnAnUnansweredRequestI
     EXPECT_EQ(nullptr, resolution.result());
 }
 
+TEST_F(CommsChannelLocatorResolutionTest, NameTooLongForTheResolverIsKeptForThisProcessAndNeverSentToIt)
+{
+    const std::string longName(70000, 'n');
+    CommsChannel sut(longName);
+    CommsChannel marker("marker-after-long-name");
+    waitForRowsFor("marker-after-long-name", 1);
+    EXPECT_TRUE(rowTypesFor(longName).empty());
+
+    ASSERT_EQ(1, marker.sendMsg(longName, std::string("same process")));
+    CommsChannelDataContainerMessage received;
+    ASSERT_EQ(1, sut.receiveMsg_ByID_Timed(received, 0, 5000));
+    EXPECT_EQ("same process", received.getData());
+}
+
+TEST_F(CommsChannelLocatorResolutionTest, UnknownNameTooLongForTheResolverGetsTheNullDispatcherWithoutAsking)
+{
+    CommsChannel sut("asker");
+    CommsChannelDispatcher* dispatcher = resolve(std::string(70000, 'x'));
+    ASSERT_NE(nullptr, dispatcher);
+    EXPECT_NE(nullptr, dynamic_cast<CCNullDispatcher*>(dispatcher));
+    EXPECT_TRUE(fakeResolver.receivedOfType(COMMS_MSG_PORT_REQUEST).empty());
+    EXPECT_NE(nullptr, resolve("asker"));
+}
+
 }  // namespace

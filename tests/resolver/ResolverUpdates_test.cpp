@@ -103,4 +103,13 @@ TEST_F(ResolverUpdatesTest, RowFitsTellsNamesAroundTheLimitApart)
     EXPECT_FALSE(resolver::rowFits("abcd", oneRow));
 }
 
+TEST_F(ResolverUpdatesTest, LongestNameIsTheLastOneThatFitsAnUpdateOfItsOwn)
+{
+    const std::size_t longest = resolver::longestName();
+    EXPECT_EQ(59972u, longest);
+    EXPECT_TRUE(resolver::rowFits(std::string(longest, 'n')));
+    EXPECT_FALSE(resolver::rowFits(std::string(longest + 1, 'n')));
+    EXPECT_EQ(1u, resolver::encodeUpdates({UpdateRow{0, std::string(longest, 'n'), 40000}}).size());
+}
+
 }  // namespace

@@ -124,6 +124,20 @@ protected:
         return answer;
     }
 
+    // Locator A registers "alpha" at PORT_1; locator B takes it over at PORT_2.
+    void takeOverAlpha()
+    {
+        registerAt(LOCATOR_A);
+        registerAt(LOCATOR_B);
+        deliver(added("alpha", PORT_1), LOCATOR_A);
+        takeOverAlphaAgain();
+    }
+    void takeOverAlphaAgain()
+    {
+        registerAt(LOCATOR_B);
+        deliver(added("alpha", PORT_2), LOCATOR_B);
+    }
+
     CapturingSink logSink;
     resolver::Resolver sut{fakeClock, fakeLookup};
 };
@@ -391,6 +405,56 @@ TEST_F(ResolverTest, TakeoverIsANoticeNamingTheOldAndNewOwnerByPid)
     ASSERT_EQ(1u, logSink.notices.size());
     EXPECT_EQ("\"alpha\" taken over by pid 102 (client) at port 41002 from pid 101 (server) at port 41001",
               logSink.notices[0]);
+}
+
+TEST_F(ResolverTest, TakenOverNameGoesBackToItsOwnerWhenTheTakerWithdrawsIt)
+{
+    takeOverAlpha();
+    const std::vector<Outgoing> out = deliver(removed("alpha", PORT_2), LOCATOR_B);
+    EXPECT_EQ((std::vector<Row>{Row(1, "alpha", PORT_2), Row(0, "alpha", PORT_1)}), rowsTo(out, LOCATOR_A));
+    EXPECT_EQ(PORT_1, ask("alpha", 1, STRANGER).port);
+    ASSERT_EQ(2u, logSink.notices.size());
+    EXPECT_EQ("\"alpha\" given back to pid 101 (server) at port 41001, which pid 102 (client) had taken it from",
+              logSink.notices[1]);
+}
+
+TEST_F(ResolverTest, TakenOverNameGoesBackWhenTheTakerUnregistersOrDies)
+{
+    takeOverAlpha();
+    deliver(unregisterLocator(LOCATOR_B), LOCATOR_B);
+    EXPECT_EQ(PORT_1, ask("alpha", 1, STRANGER).port);
+
+    takeOverAlphaAgain();
+    sut.withdrawDead({LOCATOR_A, PORT_1});
+    EXPECT_EQ(PORT_1, ask("alpha", 2, STRANGER).port);
+}
+
+TEST_F(ResolverTest, TakenOverNameIsNotGivenBackWhenItsOwnerNoLongerHoldsThePort)
+{
+    takeOverAlpha();
+    sut.withdrawDead({LOCATOR_A, LOCATOR_B, PORT_2});
+    deliver(removed("alpha", PORT_2), LOCATOR_B);
+    EXPECT_EQ(0, ask("alpha", 1, STRANGER).port);
+}
+
+TEST_F(ResolverTest, OwnerThatWithdrewItsNameDuringATakeoverDoesNotGetItBack)
+{
+    takeOverAlpha();
+    deliver(removed("alpha", PORT_1), LOCATOR_A);
+    EXPECT_EQ(PORT_2, ask("alpha", 1, STRANGER).port);
+    deliver(removed("alpha", PORT_2), LOCATOR_B);
+    EXPECT_EQ(0, ask("alpha", 2, STRANGER).port);
+}
+
+TEST_F(ResolverTest, SecondTakeoverGivesTheNameBackInTurn)
+{
+    takeOverAlpha();
+    registerAt(LOCATOR_C);
+    deliver(added("alpha", PORT_3), LOCATOR_C);
+    deliver(removed("alpha", PORT_3), LOCATOR_C);
+    EXPECT_EQ(PORT_2, ask("alpha", 1, STRANGER).port);
+    deliver(removed("alpha", PORT_2), LOCATOR_B);
+    EXPECT_EQ(PORT_1, ask("alpha", 2, STRANGER).port);
 }
 
 TEST_F(ResolverTest, RegistrationAgainByTheSameOwnerIsNoTakeover)
