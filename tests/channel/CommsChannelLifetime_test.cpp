@@ -47,21 +47,7 @@ void failLoudly(const std::string& what)
 std::string nameOf(const std::string& prefix, int index) { return prefix + std::to_string(index); }
 
 // Threads of this process.
-int threadCount()
-{
-    int count = 0;
-    DIR* listing = opendir("/proc/self/task");
-    if (listing == nullptr) {
-        return -1;
-    }
-    while (dirent* entry = readdir(listing)) {
-        if (entry->d_name[0] != '.') {
-            ++count;
-        }
-    }
-    closedir(listing);
-    return count;
-}
+int threadCount() { return cctest::threadCount(); }
 
 // The current locator has applied the resolver's first update: a look-up of
 // registered, a channel of this process that the caller keeps (and with it

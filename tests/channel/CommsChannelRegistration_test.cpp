@@ -35,24 +35,8 @@ int installedChannels() { return CommsChannelReceiverInspector::channelCount(); 
 // Makes a locator if there is none: call it while a named channel exists.
 CommsChannel* registeredChannel(const std::string& name) { return CommsChannelLocatorInspector::localChannel(name); }
 
-// Entries of a /proc/self directory: the process's threads or descriptors.
-int entriesOf(const char* directory)
-{
-    int count = 0;
-    DIR* listing = opendir(directory);
-    if (listing == nullptr) {
-        return -1;
-    }
-    while (dirent* entry = readdir(listing)) {
-        if (entry->d_name[0] != '.') {
-            ++count;
-        }
-    }
-    closedir(listing);
-    // The listing's own descriptor is not counted.
-    return std::string(directory) == "/proc/self/fd" ? count - 1 : count;
-}
-int threadCount() { return entriesOf("/proc/self/task"); }
+// Threads of this process.
+int threadCount() { return cctest::threadCount(); }
 
 // Open socket descriptors of the process.
 int socketCount()

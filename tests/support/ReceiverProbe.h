@@ -52,22 +52,8 @@ public:
     // The process's current receiver (made if there is none).
     static CommsChannelReceiver* current() { return CommsChannelReceiverInspector::current(); }
 
-    // Threads of this process, as /proc/self/task lists them.
-    static int threadCount()
-    {
-        int count = 0;
-        DIR* tasks = opendir("/proc/self/task");
-        if (tasks == nullptr) {
-            return -1;
-        }
-        while (dirent* entry = readdir(tasks)) {
-            if (entry->d_name[0] != '.') {
-                ++count;
-            }
-        }
-        closedir(tasks);
-        return count;
-    }
+    // Threads of this process (see cctest::threadCount).
+    static int threadCount() { return cctest::threadCount(); }
     static bool waitForThreadCount(int count, int timeoutMs = 20000)
     {
         return waitUntil([count] { return threadCount() == count; }, timeoutMs);

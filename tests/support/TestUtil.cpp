@@ -256,3 +256,52 @@ std::vector<int> occupyDescriptorsUpTo(int lowest)
 }
 
 }  // namespace cctest
+
+namespace cctest {
+
+#ifndef COMMSCHANNEL_TEST_EMULATOR
+#define COMMSCHANNEL_TEST_EMULATOR ""
+#endif
+
+bool runningEmulated() { return std::string(COMMSCHANNEL_TEST_EMULATOR).find_first_not_of(' ') != std::string::npos; }
+
+namespace {
+
+int tasksNow()
+{
+    int count = 0;
+    DIR* tasks = opendir("/proc/self/task");
+    if (tasks == nullptr) {
+        return -1;
+    }
+    while (dirent* entry = readdir(tasks)) {
+        if (entry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    closedir(tasks);
+    return count;
+}
+
+}  // namespace
+
+int threadCount()
+{
+    int count = tasksNow();
+    if (!runningEmulated()) {
+        return count;
+    }
+    const long long end = nowMs() + 2000;
+    long long stableSince = nowMs();
+    while (nowMs() < end && nowMs() - stableSince < 200) {
+        usleep(10 * 1000);
+        const int now = tasksNow();
+        if (now != count) {
+            count = now;
+            stableSince = nowMs();
+        }
+    }
+    return count;
+}
+
+}  // namespace cctest

@@ -17,6 +17,15 @@ bool waitUntil(const std::function<bool()>& predicate, int timeoutMs = 10000);
 // Milliseconds on the monotonic clock.
 long long nowMs();
 
+// Whether the tests run under a user-mode emulator (the MIPS run).
+bool runningEmulated();
+
+// The threads of this process, as /proc/self/task lists them. Under
+// user-mode emulation the host task of a thread outlives its join for a
+// moment, so the count is read once it has held still for 200 ms (at most
+// 2 s); natively it is read at once.
+int threadCount();
+
 // A UDP socket bound to 127.0.0.1 on a kernel-chosen port, closed on
 // destruction. Plays the foreign peer or the fake resolver in tests.
 class UdpSocket {
