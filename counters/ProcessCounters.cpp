@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 using counter_table::Slot;
@@ -42,7 +43,8 @@ ProcessCounters& ProcessCounters::process()
 
 bool ProcessCounters::create()
 {
-    m_path = counter_table::pathFor(static_cast<long>(getpid()));
+    m_owner = getpid();
+    m_path = counter_table::pathFor(static_cast<long>(m_owner));
     // A file left by a former process with the same pid is taken over and
     // emptied. Close-on-exec: a program we start must not inherit it.
     const int fd = open(m_path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
@@ -62,6 +64,9 @@ bool ProcessCounters::create()
         return false;
     }
     m_ptable = static_cast<Table*>(mapped);
+    if (!m_exitHookSet) {
+        m_exitHookSet = std::atexit(&ProcessCounters::removeAtExit) == 0;
+    }
     m_ptable->header.version = counter_table::VERSION;
     m_ptable->header.slotCount = static_cast<std::uint32_t>(counter_table::SLOT_COUNT);
     m_ptable->header.slotSize = static_cast<std::uint32_t>(sizeof(Slot));
@@ -77,7 +82,20 @@ void ProcessCounters::remove()
 {
     munmap(m_ptable, sizeof(Table));
     m_ptable = nullptr;
-    unlink(m_path.c_str());
+    if (m_owner == getpid()) {
+        unlink(m_path.c_str());
+    }
+}
+
+void ProcessCounters::removeAtExit()
+{
+    // Only the name goes: threads still running may write their counters
+    // into the mapping until the process is gone.
+    ProcessCounters& counters = process();
+    ScopedLock hold(counters.m_lock);
+    if (counters.m_ptable != nullptr && counters.m_owner == getpid()) {
+        unlink(counters.m_path.c_str());
+    }
 }
 
 Slot* ProcessCounters::claim(const std::string& name, int port)

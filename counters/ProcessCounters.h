@@ -1,8 +1,10 @@
 // ProcessCounters: the process's side of the counter file
 // (/dev/shm/commschannel-<pid>, layout in CounterTable.h). It creates the
 // file when the first slot is claimed, hands out one slot per channel, and
-// removes the file when the last slot is released. A process killed outright
-// leaves its file behind; the tools remove files whose process is gone.
+// removes the file when the last slot is released, or when the process
+// exits (channels that live until exit are common). A process killed
+// outright leaves its file behind; the tools remove files whose process is
+// gone.
 //
 // Ownership: the one instance is made on first use and never destroyed.
 // Slots belong to the file's mapping: a slot pointer is valid from claim()
@@ -18,6 +20,8 @@
 
 #include "CounterTable.h"
 #include "Mutex.h"
+
+#include <sys/types.h>
 
 #include <cstddef>
 #include <string>
@@ -48,11 +52,16 @@ private:
     bool create();
     // REQUIRES: m_lock held.
     void remove();
+    // Removes the file at exit, in the process that made it only (a child
+    // forked without exec shares the mapping but not the file's pid).
+    static void removeAtExit();
 
     Mutex m_lock;
     counter_table::Table* m_ptable = nullptr;  // mapped file; guarded by m_lock
     std::size_t m_claimed = 0;                 // guarded by m_lock
     std::string m_path;                        // guarded by m_lock
+    pid_t m_owner = 0;                         // who made the file; guarded by m_lock
+    bool m_exitHookSet = false;                // guarded by m_lock
 };
 
 #endif

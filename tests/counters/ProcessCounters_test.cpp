@@ -53,7 +53,29 @@ public:
     }
 };
 
+// Exits with a channel still alive, as programs with channels that live as
+// long as they do.
+CC_CHILD_MAIN(exitWithALiveChannel)
+{
+    new CommsChannel("");
+    cctest::childSay(args.empty() ? "READY" : args[0]);
+    std::string line;
+    cctest::childHear(line);
+    return cctest::CHILD_OK;
+}
+
 }  // namespace
+
+TEST(ProcessCountersTest, FileGoesWhenTheProcessExitsWithALiveChannel)
+{
+    cctest::ChildProcess child("exitWithALiveChannel", {});
+    ASSERT_TRUE(child.waitForLine("READY", 10000));
+    const std::string file = "/dev/shm/commschannel-" + std::to_string(child.pid());
+    EXPECT_TRUE(fileExists(file));
+    child.writeLine("exit");
+    EXPECT_EQ(cctest::CHILD_OK, child.wait(10000));
+    EXPECT_FALSE(fileExists(file));
+}
 
 TEST(ProcessCountersTest, FileComesWithTheFirstChannelReadableByAllAndGoesWithTheLast)
 {
