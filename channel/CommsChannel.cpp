@@ -4,6 +4,7 @@
 
 #include "ChannelInbox.h"
 #include "CommsChannelDataContainerMessage.h"
+#include "ProcessCounters.h"
 #include "ProcessRuntime.h"
 
 #include "LoopbackSocket.h"
@@ -36,6 +37,8 @@ void CommsChannel::construct()
     // A channel whose socket could not be made is still built, registered
     // and installed: callers learn of the failure only from perror.
     createSocket();
+    // The slot is there before any message can arrive, so every one counts.
+    m_pinbox->attachCounters(ProcessCounters::process().claim(m_channelName, m_port));
     registerChannel();
     installReceiveChannel();
 }
@@ -76,6 +79,9 @@ CommsChannel::~CommsChannel()
     // is never called again. The queued messages go with the last holder of
     // the inbox (normally this channel, now).
     m_pinbox->close();
+    // Nothing writes the slot now: the receiver thread has let the channel
+    // go and the inbox takes no more deliveries.
+    ProcessCounters::process().release(m_pinbox->detachCounters());
 }
 
 std::string& CommsChannel::channelName() { return m_channelName; }

@@ -15,6 +15,7 @@ int runCall(const CliOptions& options);
 int runListen(const CliOptions& options);
 int runWait(const CliOptions& options);
 int runMonitor(const CliOptions& options);
+int runStats(const CliOptions& options);
 
 }  // namespace cli
 

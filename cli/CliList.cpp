@@ -1,8 +1,10 @@
 // commschannel list: the resolver's table as the resolver's own --list gets
-// it, with each port's process and socket counters from /proc.
+// it, with each port's process and socket counters from /proc and the queue
+// counters the process publishes.
 #include "CliCommands.h"
 #include "CliSupport.h"
 #include "ProcSocketOwners.h"
+#include "PublishedCounters.h"
 #include "ResolverClient.h"
 #include "ResolverList.h"
 
@@ -18,12 +20,18 @@ int runList(const CliOptions& options)
     if (!resolver::fetchChannels(COMMSCHANNEL_RESOLVER_PORT, &channels, &error)) {
         return fail(COMMAND_LIST, error);
     }
+    sweepDeadCounterFiles();
     // withOwners keeps the map's order, which is the names' byte order.
     const std::vector<resolver::ListedChannel> listed = resolver::withOwners(channels);
     std::vector<ListRow> rows;
     for (const resolver::ListedChannel& channel : listed) {
-        rows.push_back(ListRow{channel.name, channel.port, channel.pid, resolver::processName(channel.pid),
-                               channel.rxQueueBytes, channel.drops});
+        ListRow row{channel.name, channel.port, channel.pid, resolver::processName(channel.pid),
+                    channel.rxQueueBytes, channel.drops};
+        const ChannelCounters counters = readChannelCounters(channel.pid, channel.port);
+        row.queued = counters.queued;
+        row.maxQueued = counters.maxQueued;
+        row.stopped = counters.receivingKnown && !counters.receiving;
+        rows.push_back(row);
     }
     if (options.json) {
         for (const ListRow& row : rows) {

@@ -27,6 +27,7 @@ const CommandInfo COMMANDS[] = {
     {COMMAND_LISTEN, "listen", 1, "jn"},
     {COMMAND_WAIT, "wait", 1, "t"},
     {COMMAND_MONITOR, "monitor", ANY_NAMES, "jnp"},
+    {COMMAND_STATS, "stats", ANY_NAMES, "j"},
 };
 
 const CommandInfo* findCommand(const std::string& name)
@@ -200,14 +201,38 @@ const char* listUsage()
 {
     return "Usage: commschannel list [-j]\n"
            "Prints every channel name the resolver knows, sorted by name: its port, the\n"
-           "pid and name of the process holding the port, the bytes waiting in the\n"
-           "socket's receive buffer and the datagrams the kernel dropped on it.\n"
+           "pid and name of the process holding the port, the messages in the channel's\n"
+           "queue now and the most ever (as its process publishes them), the bytes\n"
+           "waiting in the socket's receive buffer and the datagrams the kernel dropped\n"
+           "on it. A \"!\" after a name: that process's receiving has stopped.\n"
            "\n"
-           "  -j, --json   one JSON object a line: name, port, pid, process,\n"
-           "               rx_queue_bytes, drops (pid 0 and process \"\" when unknown)\n"
+           "  -j, --json   one JSON object a line: name, port, pid, process, queued,\n"
+           "               max_queued, rx_queue_bytes, drops (pid 0, process \"\" and -1\n"
+           "               when unknown)\n"
            "  -h, --help   print this help\n"
            "\n"
            "Exit status: 0 listed, 1 no resolver answered, 2 bad command line.\n";
+}
+
+const char* statsUsage()
+{
+    return "Usage: commschannel stats [NAME...] [-j]\n"
+           "Prints every counter of each channel the resolver knows (or of the NAMEs),\n"
+           "sorted by name: its process, the messages queued now and the most ever,\n"
+           "those its receiver thread received from other processes, those taken by\n"
+           "receives, those the interceptor refused, the datagrams it could not read,\n"
+           "whether the process still receives, and the socket's receive buffer bytes\n"
+           "and kernel drops. \"-\" where the process publishes nothing (another\n"
+           "user's process, an older library).\n"
+           "\n"
+           "  -j, --json   one JSON object a line: name, pid, queued, max_queued,\n"
+           "               received, taken, refused, bad_datagrams, receiving (true,\n"
+           "               false; null when unknown), rx_queue_bytes, drops (-1 when\n"
+           "               unknown)\n"
+           "  -h, --help   print this help\n"
+           "\n"
+           "Exit status: 0 shown, 1 no resolver answered or a NAME is unknown, 2 bad\n"
+           "command line.\n";
 }
 
 const char* sendUsage()
@@ -304,7 +329,8 @@ const char* overviewUsage()
            "\n"
            "Commands:\n"
            "  list                         the names the resolver knows, with their\n"
-           "                               processes and socket queues\n"
+           "                               processes and queues\n"
+           "  stats [NAME...]              every counter of each channel\n"
            "  send NAME DATA               send one message\n"
            "  call NAME DATA               send a request and print the reply\n"
            "  listen NAME                  create a channel and print what arrives\n"
@@ -371,6 +397,8 @@ std::string cliUsage(Command command)
         return waitUsage();
     case COMMAND_MONITOR:
         return monitorUsage();
+    case COMMAND_STATS:
+        return statsUsage();
     case COMMAND_NONE:
         break;
     }

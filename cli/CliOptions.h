@@ -4,6 +4,7 @@
 //
 //   commschannel [--help | --version]
 //   commschannel list   [-j]
+//   commschannel stats  [NAME...] [-j]
 //   commschannel send   NAME DATA [--type N] [--id N]
 //   commschannel call   NAME DATA [--type N] [-t MS] [-j]
 //   commschannel listen NAME [-n COUNT] [-j]
@@ -32,7 +33,7 @@ const int DEFAULT_CALL_TIMEOUT_MS = 5000;
 const int DEFAULT_WAIT_TIMEOUT_MS = 10000;
 
 enum Command { COMMAND_NONE, COMMAND_LIST, COMMAND_SEND, COMMAND_CALL, COMMAND_LISTEN, COMMAND_WAIT,
-              COMMAND_MONITOR };
+              COMMAND_MONITOR, COMMAND_STATS };
 
 struct CliOptions {
     Command command = COMMAND_NONE;
@@ -47,7 +48,7 @@ struct CliOptions {
     long requestId = 0;
     int timeoutMs = 0;  // the subcommand's default unless -t was given
     long count = 0;     // 0: no limit
-    // monitor: the names to watch (empty: all) and the capture file ("":
+    // monitor and stats: the names to watch or show (empty: all); monitor: the capture file ("":
     // none, "-": standard output).
     std::vector<std::string> names;
     std::string pcapPath;

@@ -14,9 +14,9 @@ std::string padded(const std::string& text, std::size_t width)
     return text.size() < width ? text + std::string(width - text.size(), ' ') : text;
 }
 
-std::string knownOrDash(long long value) { return value < 0 ? "-" : std::to_string(value); }
-
 }  // namespace
+
+std::string knownOrDash(long long value) { return value < 0 ? "-" : std::to_string(value); }
 
 std::string escapeBytes(const std::string& bytes)
 {
@@ -71,13 +71,19 @@ std::string jsonString(const std::string& bytes)
 
 std::string formatListTable(const std::vector<ListRow>& rows)
 {
-    const std::vector<std::string> headers{"NAME", "PORT", "PID", "PROCESS", "RX_QUEUE", "DROPS"};
+    const std::vector<std::string> headers{"NAME", "PORT", "PID", "PROCESS", "QUEUED", "MAXQ", "RX_QUEUE", "DROPS"};
     std::vector<std::vector<std::string>> cells;
     for (const ListRow& row : rows) {
-        cells.push_back({escapeBytes(row.name), std::to_string(row.port), row.pid > 0 ? std::to_string(row.pid) : "-",
-                         row.process.empty() ? "-" : escapeBytes(row.process), knownOrDash(row.rxQueueBytes),
-                         knownOrDash(row.drops)});
+        cells.push_back({escapeBytes(row.name) + (row.stopped ? "!" : ""), std::to_string(row.port),
+                         row.pid > 0 ? std::to_string(row.pid) : "-",
+                         row.process.empty() ? "-" : escapeBytes(row.process), knownOrDash(row.queued),
+                         knownOrDash(row.maxQueued), knownOrDash(row.rxQueueBytes), knownOrDash(row.drops)});
     }
+    return formatTable(headers, cells);
+}
+
+std::string formatTable(const std::vector<std::string>& headers, const std::vector<std::vector<std::string>>& cells)
+{
     std::vector<std::size_t> widths;
     for (std::size_t column = 0; column < headers.size(); ++column) {
         std::size_t width = headers[column].size();
@@ -86,9 +92,10 @@ std::string formatListTable(const std::vector<ListRow>& rows)
         }
         widths.push_back(width);
     }
-    cells.insert(cells.begin(), headers);
+    std::vector<std::vector<std::string>> lines(1, headers);
+    lines.insert(lines.end(), cells.begin(), cells.end());
     std::string out;
-    for (const std::vector<std::string>& line : cells) {
+    for (const std::vector<std::string>& line : lines) {
         for (std::size_t column = 0; column < line.size(); ++column) {
             const bool last = column + 1 == line.size();
             out += last ? line[column] : padded(line[column], widths[column]) + "  ";
@@ -102,6 +109,7 @@ std::string formatListJson(const ListRow& row)
 {
     return "{\"name\":" + jsonString(row.name) + ",\"port\":" + std::to_string(row.port) +
            ",\"pid\":" + std::to_string(row.pid) + ",\"process\":" + jsonString(row.process) +
+           ",\"queued\":" + std::to_string(row.queued) + ",\"max_queued\":" + std::to_string(row.maxQueued) +
            ",\"rx_queue_bytes\":" + std::to_string(row.rxQueueBytes) + ",\"drops\":" + std::to_string(row.drops) +
            "}";
 }

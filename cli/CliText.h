@@ -25,13 +25,25 @@ struct ListRow {
     std::string process;  // "": unknown
     long long rxQueueBytes;  // -1: no socket listed at the port
     long long drops;         // -1: no socket listed at the port
+    // As the process publishes them; -1: it publishes nothing.
+    long long queued = -1;
+    long long maxQueued = -1;
+    bool stopped = false;    // its receiver thread no longer receives
 };
 
 // A header and one aligned line per row, in the given order; unknown values
-// as "-".
+// as "-", and "!" after the name of a channel whose process stopped
+// receiving.
 std::string formatListTable(const std::vector<ListRow>& rows);
-// One JSON object: name, port, pid, process, rx_queue_bytes, drops.
+// One JSON object: name, port, pid, process, queued, max_queued,
+// rx_queue_bytes, drops.
 std::string formatListJson(const ListRow& row);
+
+// The headers and the cells (one vector per line, as many as headers)
+// aligned in columns two spaces apart, each line ending in a newline.
+std::string formatTable(const std::vector<std::string>& headers, const std::vector<std::vector<std::string>>& cells);
+// The number, or "-" for a negative one.
+std::string knownOrDash(long long value);
 
 struct MessageView {
     std::string source;

@@ -39,6 +39,8 @@ int main(int argc, char** argv)
         return cli::runWait(options);
     case cli::COMMAND_MONITOR:
         return cli::runMonitor(options);
+    case cli::COMMAND_STATS:
+        return cli::runStats(options);
     case cli::COMMAND_NONE:
         break;
     }

@@ -6,6 +6,7 @@
 #include "CCInterceptorDispatcher.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsException.h"
+#include "CounterTable.h"
 #include "ReceiveQueueIndex.h"
 #include "ScopedUnlock.h"
 
@@ -103,7 +104,8 @@ struct ChannelInbox::Waiter {
 ChannelInbox::ChannelInbox(CCInterceptorDispatcher* interceptor)
     : m_pinterceptor(interceptor),
       m_priorities(MSG_TYPE_PRIORITIES, MSG_TYPE_PRIORITIES + sizeof MSG_TYPE_PRIORITIES / sizeof MSG_TYPE_PRIORITIES[0]),
-      m_pindex(new ReceiveQueueIndex()), m_tokens(0), m_shutdown(false), m_closed(false), m_length(0)
+      m_pindex(new ReceiveQueueIndex()), m_tokens(0), m_shutdown(false), m_closed(false), m_length(0),
+      m_pcounters(nullptr)
 {
 }
 
@@ -152,6 +154,9 @@ int ChannelInbox::enqueue(CommsChannelDataContainerMessage* owned, CommsChannelD
                 insert(source, node, priority, interfaceName);
             } else {
                 discarded.splice(discarded.end(), source, node);
+                if (m_pcounters != nullptr) {
+                    counter_table::bump(m_pcounters->refused);
+                }
             }
             giveToken(requestId);
         }
@@ -204,7 +209,20 @@ void ChannelInbox::insert(Queue& source, Queue::iterator node, int priority, con
     m_pindex->inserted(node, priority);
     const std::size_t length = m_queue.size();
     m_length.store(length, std::memory_order_relaxed);
+    publishLength(length);
     warnIfLong(length, interfaceName);
+}
+
+void ChannelInbox::publishLength(std::size_t length)
+{
+    if (m_pcounters == nullptr) {
+        return;
+    }
+    const std::uint32_t now = static_cast<std::uint32_t>(length);
+    m_pcounters->queued.store(now, std::memory_order_relaxed);
+    if (now > m_pcounters->maxQueued.load(std::memory_order_relaxed)) {
+        m_pcounters->maxQueued.store(now, std::memory_order_relaxed);
+    }
 }
 
 void ChannelInbox::warnIfLong(std::size_t length, const std::string& interfaceName)
@@ -382,6 +400,10 @@ void ChannelInbox::takeOut(Queue::iterator position, CommsChannelDataContainerMe
         discarded.splice(discarded.end(), m_queue, position);
     }
     m_length.store(m_queue.size(), std::memory_order_relaxed);
+    if (m_pcounters != nullptr) {
+        publishLength(m_queue.size());
+        counter_table::bump(m_pcounters->taken);
+    }
 }
 
 void ChannelInbox::shutdown()
@@ -396,6 +418,20 @@ void ChannelInbox::close()
 {
     ScopedLock hold(m_lock);
     m_closed = true;
+}
+
+void ChannelInbox::attachCounters(counter_table::Slot* slot)
+{
+    ScopedLock hold(m_lock);
+    m_pcounters = slot;
+}
+
+counter_table::Slot* ChannelInbox::detachCounters()
+{
+    ScopedLock hold(m_lock);
+    counter_table::Slot* const slot = m_pcounters;
+    m_pcounters = nullptr;
+    return slot;
 }
 
 std::size_t ChannelInbox::length()

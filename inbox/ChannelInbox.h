@@ -18,6 +18,11 @@
 // is allocated or freed while it is held, and it is never held while a
 // caller-supplied check runs. The interceptor runs under it, so an
 // interceptor must not receive from its own channel.
+//
+// Counters: once attachCounters() has given it a slot, the inbox publishes
+// its length, the most it ever held, the messages taken and those refused,
+// with relaxed stores under m_lock (no extra lock, no system call). The
+// receiver thread adds what it reads into the same slot (counters()).
 #ifndef COMMSCHANNEL_CHANNEL_INBOX_H
 #define COMMSCHANNEL_CHANNEL_INBOX_H
 
@@ -33,6 +38,9 @@
 
 class CCInterceptorDispatcher;
 class CommsChannelDataContainerMessage;
+namespace counter_table {
+struct Slot;
+}
 class ReceiveQueueIndex;
 
 class ChannelInbox {
@@ -74,6 +82,17 @@ public:
     // returns; a delivery under way has finished.
     void close();
 
+    // Publishes the counters into slot (may be null) from now on; slot is
+    // not owned. Called before the channel is registered or installed.
+    void attachCounters(counter_table::Slot* slot);
+    // Stops publishing and returns the slot, for its owner to release.
+    // Called after close(), once the receiver thread has let the channel go.
+    counter_table::Slot* detachCounters();
+    // The slot, for the receiver thread's own counters (received, bad
+    // datagrams); null when none. Read without the lock: it changes only
+    // while the channel is outside the receiver's list.
+    counter_table::Slot* counters() const { return m_pcounters; }
+
     // Whether nothing is queued; read without the lock, outdated at once.
     bool empty() const { return m_length.load(std::memory_order_relaxed) == 0; }
     // Queued messages, read under the lock.
@@ -102,6 +121,8 @@ private:
     // REQUIRES: m_lock held.
     void giveToken(long requestId);
     void warnIfLong(std::size_t length, const std::string& interfaceName);
+    // REQUIRES: m_lock held. Publishes the queue's new length.
+    void publishLength(std::size_t length);
     // REQUIRES: m_lock held.
     bool waitForGeneralToken(int timeout, const Check* check);
     bool waitForOwnToken(Waiter& waiter, int timeout, const Check* check);
@@ -122,6 +143,7 @@ private:
     bool m_shutdown;                      // guarded by m_lock
     bool m_closed;                        // guarded by m_lock
     std::atomic<std::size_t> m_length;    // m_queue's size, for empty()
+    counter_table::Slot* m_pcounters;     // not owned; written under m_lock, see counters()
 };
 
 #endif

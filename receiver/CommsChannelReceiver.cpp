@@ -3,6 +3,7 @@
 #include "CommsChannelReceiver.h"
 
 #include "CommsChannel.h"
+#include "ProcessCounters.h"
 #include "ReceiverState.h"
 #include "Threader.h"
 
@@ -65,7 +66,10 @@ void unindex(ReceiverState& state, CommsChannel* channel, int fd)
 
 CommsChannelReceiver::CommsChannelReceiver() : m_pstate(new ReceiverState())
 {
+    m_pstate->discardBadDatagrams = receiver_state::discardRequested();
     m_pstate->epollFd = epoll_create1(EPOLL_CLOEXEC);
+    // A receiver made after one that a bad datagram ended receives again.
+    ProcessCounters::process().setReceiving(true);
     createStatusUpdateSocketConnection();
     Threader threader;
     threader.spawn(&m_pstate->threadId, receiver_state::runReceiverThread, m_pstate, "", TARN_PRIORITY_NORMAL, 0);

@@ -56,6 +56,11 @@ struct ReceiverState {
     // not held up by a sender that never completes it. -1: none.
     std::atomic<int> joiningSocket{-1};
     std::atomic<int> abandonSocket{-1};
+    // Read from COMMSCHANNEL_DISCARD_BAD_DATAGRAMS once, before the thread
+    // starts: a datagram that cannot start an encoding (or announces more
+    // than any encoding can be) is read, counted and thrown away instead of
+    // ending the thread. Constant after construction.
+    bool discardBadDatagrams = false;
     // The thread's own: the listings due in a pass, and the buffer that
     // encodings up to 64 KiB are read into.
     FdEntries due;
@@ -73,6 +78,10 @@ bool receiveStatusUpdate(ReceiverState& state);
 bool getSocketData(int socket, char* buffer, unsigned int length, bool peek);
 // Reads one encoding from socket and decodes it into message.
 bool receiveChannelMessage(ReceiverState& state, int socket, CommsChannelMessage& message);
+
+// Whether the environment asks for bad datagrams to be discarded
+// (COMMSCHANNEL_DISCARD_BAD_DATAGRAMS=1).
+bool discardRequested();
 
 // The exception text thrown by the thread on a message it cannot read.
 constexpr const char* RECEIVE_FAILURE =

@@ -11,9 +11,12 @@
 #include "ChannelInbox.h"
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
+#include "CounterTable.h"
+#include "ProcessCounters.h"
 #include "ReceiverState.h"
 #include "WireHeader.h"
 
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/epoll.h>
@@ -23,6 +26,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <string>
@@ -39,8 +44,14 @@ const int DRAIN_LIMIT = 32;
 const int MAX_EVENTS = 64;
 // Encodings up to this size are read into a buffer the thread keeps.
 const std::size_t SCRATCH_BYTES = 64 * 1024;
+// No encoding the library makes is larger: data beyond 59,750 bytes goes by
+// file. A header announcing more is discarded when bad datagrams are.
+const std::uint32_t MAX_ENCODING_BYTES = 1024 * 1024;
 
-enum ReadOutcome { NOTHING_WAITING, READ_FAILED, READ_ABANDONED, READ_OK };
+// READ_UNREADABLE: a datagram that cannot start an encoding waits at the
+// front of the socket. READ_DISCARDED: such a datagram was read and thrown
+// away.
+enum ReadOutcome { NOTHING_WAITING, READ_FAILED, READ_ABANDONED, READ_OK, READ_UNREADABLE, READ_DISCARDED };
 
 // Waits until socket has another datagram. False when the channel of that
 // socket is being removed, which abandons the encoding being joined.
@@ -108,6 +119,58 @@ ssize_t peekHeader(int socket, char* header)
     return pending;
 }
 
+// Reads the datagram waiting on socket and throws it away.
+ReadOutcome discardDatagram(int socket)
+{
+    char ignored;
+    ssize_t result;
+    do {
+        result = recv(socket, &ignored, sizeof ignored, MSG_DONTWAIT | MSG_TRUNC);
+    } while (result == -1 && errno == EINTR);
+    return READ_DISCARDED;
+}
+
+// The port that sent the datagram waiting on socket; 0 when none waits.
+int senderPort(int socket)
+{
+    char ignored;
+    sockaddr_in sender;
+    std::memset(&sender, 0, sizeof sender);
+    socklen_t length = sizeof sender;
+    if (recvfrom(socket, &ignored, sizeof ignored, MSG_PEEK | MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&sender),
+                 &length) == -1) {
+        return 0;
+    }
+    return ntohs(sender.sin_port);
+}
+
+// Says on standard error that the thread stops, naming the channel and the
+// sender of the datagram that stopped it, and publishes it.
+void reportStop(CommsChannel* channel, int socket, ReadOutcome outcome)
+{
+    const int port = outcome == READ_UNREADABLE ? senderPort(socket) : 0;
+    if (outcome == READ_UNREADABLE) {
+        std::fprintf(stderr,
+                     "CommsChannel: channel '%s' stops receiving: a datagram from port %d cannot start an "
+                     "encoding; no channel of process %d receives any more\n",
+                     channel->channelName().c_str(), port, static_cast<int>(getpid()));
+    } else {
+        std::fprintf(stderr,
+                     "CommsChannel: channel '%s' stops receiving: its socket could not be read; no channel of "
+                     "process %d receives any more\n",
+                     channel->channelName().c_str(), static_cast<int>(getpid()));
+    }
+    ProcessCounters::process().setReceiving(false);
+}
+
+void countInto(CommsChannel* channel, counter_table::Counter counter_table::Slot::*counter)
+{
+    counter_table::Slot* const slot = channel->inbox().counters();
+    if (slot != nullptr) {
+        counter_table::bump(slot->*counter);
+    }
+}
+
 // Reads one encoding from socket into message.
 ReadOutcome readEncoding(ReceiverState& state, int socket, CommsChannelMessage& message)
 {
@@ -122,11 +185,18 @@ ReadOutcome readEncoding(ReceiverState& state, int socket, CommsChannelMessage& 
         return READ_FAILED;
     }
     // A datagram too short to carry a header, or whose header announces
-    // less than itself, cannot start an encoding: it stays unread.
-    if (pending < static_cast<ssize_t>(wire_header::SIZE) || wire_header::totalLength(header) < wire_header::SIZE) {
-        return READ_FAILED;
+    // less than itself, cannot start an encoding: it stays unread, and ends
+    // the thread, unless such datagrams are to be discarded. One announcing
+    // more than any encoding would have the thread wait for pieces that
+    // never come; it is discarded too then.
+    const bool tooShort = pending < static_cast<ssize_t>(wire_header::SIZE);
+    const std::uint32_t totalLength = tooShort ? 0 : wire_header::totalLength(header);
+    if (tooShort || totalLength < wire_header::SIZE) {
+        return state.discardBadDatagrams ? discardDatagram(socket) : READ_UNREADABLE;
     }
-    const std::uint32_t totalLength = wire_header::totalLength(header);
+    if (state.discardBadDatagrams && totalLength > MAX_ENCODING_BYTES) {
+        return discardDatagram(socket);
+    }
     std::vector<char>& scratch = state.scratch;
     std::unique_ptr<char[]> large;
     char* buffer = nullptr;
@@ -163,11 +233,19 @@ void serve(ReceiverState& state, CommsChannel* channel, int fd, int drain, bool 
             // The token is given as the message is queued, so a receiver
             // never waits for the rest of the pass.
             channel->inbox().deliver(message.release());
+            countInto(channel, &counter_table::Slot::received);
+            continue;
+        }
+        if (outcome == READ_DISCARDED || outcome == READ_UNREADABLE) {
+            countInto(channel, &counter_table::Slot::badDatagrams);
+        }
+        if (outcome == READ_DISCARDED) {
             continue;
         }
         if (outcome == READ_ABANDONED || (outcome == NOTHING_WAITING && (read > 0 || forgiveEmpty))) {
             return;
         }
+        reportStop(channel, fd, outcome);
         throw std::string(RECEIVE_FAILURE);
     }
 }
@@ -299,6 +377,12 @@ bool getSocketData(int socket, char* buffer, unsigned int length, bool peek)
         received += static_cast<unsigned int>(result);
     }
     return true;
+}
+
+bool discardRequested()
+{
+    const char* const value = std::getenv("COMMSCHANNEL_DISCARD_BAD_DATAGRAMS");
+    return value != nullptr && std::strcmp(value, "1") == 0;
 }
 
 bool receiveChannelMessage(ReceiverState& state, int socket, CommsChannelMessage& message)

@@ -103,7 +103,7 @@ TEST_F(CliProgramTest, ResolverPrintsTheSameVersion)
 
 TEST_F(CliProgramTest, EverySubcommandHasHelp)
 {
-    for (const char* command : {"list", "send", "call", "listen", "wait", "monitor"}) {
+    for (const char* command : {"list", "stats", "send", "call", "listen", "wait", "monitor"}) {
         CliRun sut({command, "--help"});
         EXPECT_EQ(0, run(sut)) << command;
         EXPECT_EQ(0u, sut.out().find(std::string("Usage: commschannel ") + command)) << sut.out();
@@ -153,7 +153,8 @@ TEST_F(CliProgramTest, ListShowsNamesSortedWithProcessAndCounters)
     ASSERT_EQ(2u, lines.size()) << sut.out();
     EXPECT_EQ(0u, lines[0].find("{\"name\":\"alpha\",\"port\":")) << lines[0];
     EXPECT_NE(std::string::npos, lines[0].find(",\"pid\":" + std::to_string(alpha.pid()) + ",\"process\":\"" +
-                                               commOf(alpha.pid()) + "\",\"rx_queue_bytes\":0,\"drops\":0}"))
+                                               commOf(alpha.pid()) +
+                                               "\",\"queued\":0,\"max_queued\":0,\"rx_queue_bytes\":0,\"drops\":0}"))
         << lines[0];
     EXPECT_EQ(0u, lines[1].find("{\"name\":\"beta\",")) << lines[1];
 
