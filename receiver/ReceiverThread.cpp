@@ -230,10 +230,11 @@ void serve(ReceiverState& state, CommsChannel* channel, int fd, int drain, bool 
         std::unique_ptr<CommsChannelDataContainerMessage> message(new CommsChannelDataContainerMessage());
         const ReadOutcome outcome = readEncoding(state, fd, *message);
         if (outcome == READ_OK) {
-            // The token is given as the message is queued, so a receiver
-            // never waits for the rest of the pass.
-            channel->inbox().deliver(message.release());
+            // Counted first, so that whoever takes the message sees it
+            // counted. The token is given as the message is queued, so a
+            // receiver never waits for the rest of the pass.
             countInto(channel, &counter_table::Slot::received);
+            channel->inbox().deliver(message.release());
             continue;
         }
         if (outcome == READ_DISCARDED || outcome == READ_UNREADABLE) {
