@@ -38,10 +38,10 @@ bool processGone(long pid) { return kill(static_cast<pid_t>(pid), 0) == -1 && er
 
 bool headerValid(const counter_table::Header& header)
 {
-    if (header.magic != counter_table::MAGIC) {
+    // The magic is written last: once it is seen, the rest of the header is.
+    if (__atomic_load_n(&header.magic, __ATOMIC_ACQUIRE) != counter_table::MAGIC) {
         return false;
     }
-    std::atomic_thread_fence(std::memory_order_acquire);
     return header.version == counter_table::VERSION && header.slotCount == counter_table::SLOT_COUNT &&
            header.slotSize == sizeof(counter_table::Slot);
 }

@@ -73,8 +73,7 @@ bool ProcessCounters::create()
     m_ptable->header.receiving.store(1, RELAXED);
     // Readers check the magic last written, so they never take a half-made
     // header for a valid one.
-    std::atomic_thread_fence(std::memory_order_release);
-    m_ptable->header.magic = counter_table::MAGIC;
+    __atomic_store_n(&m_ptable->header.magic, counter_table::MAGIC, __ATOMIC_RELEASE);
     return true;
 }
 
