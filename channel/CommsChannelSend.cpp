@@ -1,6 +1,7 @@
 // The send operations: build or complete a data message whose source is this
 // channel, and hand it to the dispatcher that the locator finds for its
 // destination.
+#include "ChannelInbox.h"
 #include "CommsChannel.h"
 #include "CommsChannelDataContainerMessage.h"
 #include "CommsChannelDispatcher.h"
@@ -113,5 +114,9 @@ int CommsChannel::send(CommsChannelDataContainerMessage& message)
     if (!dispatcher) {
         return 0;
     }
-    return dispatcher->sendMsg(this, message);
+    const int sent = dispatcher->sendMsg(this, message);
+    if (sent == 1) {
+        ChannelInbox::noteSend();
+    }
+    return sent;
 }

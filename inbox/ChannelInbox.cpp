@@ -9,6 +9,7 @@
 #include "CounterTable.h"
 #include "ReceiveQueueIndex.h"
 #include "ScopedUnlock.h"
+#include "SpinWait.h"
 
 #include <cxxabi.h>
 #include <syslog.h>
@@ -29,6 +30,18 @@ const std::size_t MAX_SPARE_MESSAGES = 16;
 const int CHECK_SLICE_MS = 100;
 // The token-balancing wait of a by-id receive that found its message at once.
 const int BALANCE_WAIT_MS = 10;
+// How long a wait that expects an answer keeps its processor (us).
+const int ANSWER_SPIN_US = 100;
+
+// Whether the calling thread sent a message since it last began a wait.
+thread_local bool answerExpected = false;
+
+bool takeAnswerExpectation()
+{
+    const bool expected = answerExpected;
+    answerExpected = false;
+    return expected;
+}
 
 // Queue priority of each message type, indexed by msgType(). The mix (types
 // 1 and 4 lowest, 2, 5 and 6 highest) is the system's fixed table.
@@ -104,7 +117,7 @@ struct ChannelInbox::Waiter {
 ChannelInbox::ChannelInbox(CCInterceptorDispatcher* interceptor)
     : m_pinterceptor(interceptor),
       m_priorities(MSG_TYPE_PRIORITIES, MSG_TYPE_PRIORITIES + sizeof MSG_TYPE_PRIORITIES / sizeof MSG_TYPE_PRIORITIES[0]),
-      m_pindex(new ReceiveQueueIndex()), m_tokens(0), m_shutdown(false), m_closed(false), m_length(0),
+      m_pindex(new ReceiveQueueIndex()), m_tokens(0), m_shutdown(false), m_closed(false), m_length(0), m_wakeUps(0),
       m_pcounters(nullptr)
 {
 }
@@ -238,8 +251,18 @@ void ChannelInbox::warnIfLong(std::size_t length, const std::string& interfaceNa
     }
 }
 
+void ChannelInbox::noteSend() { answerExpected = true; }
+
+void ChannelInbox::spinForWakeUp()
+{
+    const unsigned seen = m_wakeUps.load(std::memory_order_relaxed);
+    ScopedUnlock unlocked(m_lock);
+    spin_wait::untilChanged(m_wakeUps, seen, ANSWER_SPIN_US);
+}
+
 void ChannelInbox::giveToken(long requestId)
 {
+    m_wakeUps.fetch_add(1, std::memory_order_release);
     if (requestId != 0) {
         // Only a waiter registered for this very id takes the token.
         std::map<long, Waiter*>::iterator waiter = m_waiters.find(requestId);
@@ -253,10 +276,14 @@ void ChannelInbox::giveToken(long requestId)
     m_generalToken.signal();
 }
 
-bool ChannelInbox::waitForGeneralToken(int timeout, const Check* check)
+bool ChannelInbox::waitForGeneralToken(int timeout, const Check* check, bool expectSoon)
 {
     const Deadline deadline(timeout);
     for (;;) {
+        if (expectSoon && m_tokens == 0 && deadline.slice(-1) != 0) {
+            expectSoon = false;
+            spinForWakeUp();
+        }
         if (m_tokens > 0) {
             --m_tokens;
             return true;
@@ -279,10 +306,14 @@ bool ChannelInbox::waitForGeneralToken(int timeout, const Check* check)
     }
 }
 
-bool ChannelInbox::waitForOwnToken(Waiter& waiter, int timeout, const Check* check)
+bool ChannelInbox::waitForOwnToken(Waiter& waiter, int timeout, const Check* check, bool expectSoon)
 {
     const Deadline deadline(timeout);
     for (;;) {
+        if (expectSoon && !waiter.token && deadline.slice(-1) != 0) {
+            expectSoon = false;
+            spinForWakeUp();
+        }
         if (waiter.token) {
             waiter.token = false;
             return true;
@@ -310,9 +341,10 @@ int ChannelInbox::takeFront(int timeout, CommsChannelDataContainerMessage* out, 
 {
     Queue discarded;
     int taken = 0;
+    const bool expectSoon = takeAnswerExpectation();
     {
         ScopedLock hold(m_lock);
-        if (!waitForGeneralToken(timeout, check)) {
+        if (!waitForGeneralToken(timeout, check, expectSoon)) {
             throw timeoutException(timeout);
         }
         // The token is spent even when there is nothing to hand out.
@@ -329,6 +361,7 @@ int ChannelInbox::takeById(CommsChannelDataContainerMessage& out, long requestId
 {
     Waiter waiter;
     Queue discarded;
+    const bool expectSoon = takeAnswerExpectation();
     {
         ScopedLock hold(m_lock);
         // One id has one waiter: a second registration is not entered, and
@@ -348,7 +381,7 @@ int ChannelInbox::takeById(CommsChannelDataContainerMessage& out, long requestId
                 break;
             }
             // Each wait gets the full time-out anew.
-            if (!waitForOwnToken(waiter, timeout, check)) {
+            if (!waitForOwnToken(waiter, timeout, check, expectSoon)) {
                 throw timeoutException(timeout);
             }
             waited = true;
@@ -410,6 +443,7 @@ void ChannelInbox::shutdown()
 {
     ScopedLock hold(m_lock);
     m_shutdown = true;
+    m_wakeUps.fetch_add(1, std::memory_order_release);
     ++m_tokens;
     m_generalToken.signal();
 }

@@ -76,6 +76,13 @@ public:
     int takeById(CommsChannelDataContainerMessage& out, long requestId, int timeout,
                  const Check* check = nullptr);
 
+    // Notes that the calling thread has just sent a message: its next wait
+    // on any inbox most likely waits for the answer, due within
+    // microseconds, and keeps its processor a moment before it sleeps. A
+    // thread that only consumes a stream sleeps at once, leaving the
+    // processor to the threads that feed it.
+    static void noteSend();
+
     // Wakes one general receiver for good: from now on takeFront returns 0.
     void shutdown();
     // No delivery is queued (nor shown to the interceptor) after this
@@ -124,8 +131,12 @@ private:
     // REQUIRES: m_lock held. Publishes the queue's new length.
     void publishLength(std::size_t length);
     // REQUIRES: m_lock held.
-    bool waitForGeneralToken(int timeout, const Check* check);
-    bool waitForOwnToken(Waiter& waiter, int timeout, const Check* check);
+    bool waitForGeneralToken(int timeout, const Check* check, bool expectSoon = false);
+    bool waitForOwnToken(Waiter& waiter, int timeout, const Check* check, bool expectSoon = false);
+    // REQUIRES: m_lock held. Lets go of it while the thread keeps its
+    // processor for up to the time an answer takes, or until a wake-up is
+    // given.
+    void spinForWakeUp();
     void takeOut(Queue::iterator position, CommsChannelDataContainerMessage* out, std::string* data,
                  Queue& discarded);
     Queue::iterator findRequest(long requestId);
@@ -143,6 +154,7 @@ private:
     bool m_shutdown;                      // guarded by m_lock
     bool m_closed;                        // guarded by m_lock
     std::atomic<std::size_t> m_length;    // m_queue's size, for empty()
+    std::atomic<unsigned> m_wakeUps;      // counts the wake-ups given; written under m_lock
     counter_table::Slot* m_pcounters;     // not owned; written under m_lock, see counters()
 };
 
